@@ -1,0 +1,83 @@
+#include "DlrApp.h"
+
+#include "DlrConstants.h"
+#include "DlrLog.h"
+#include "DlrMainWindow.h"
+
+#include <QFile>
+#include <QSettings>
+#include <QTextStream>
+
+DlrApp::DlrApp(int& argc, char** argv)
+    : QApplication(argc, argv)
+    , manifestServer(QString::fromLatin1(DlrVendorHost))
+    , manifestServerScheme(QStringLiteral("https"))
+    , manifestUrl(QStringLiteral("forum/currentproducts.php"))
+    , appDirPath(QCoreApplication::applicationDirPath())
+    , successURL(QStringLiteral("https://%1/view/Install-Success").arg(QLatin1String(DlrVendorHost)),
+                 QUrl::TolerantMode)
+{
+    loadSettings();
+    parseEnvironment();
+    parseCommandLineArguments();
+}
+
+DlrApp::~DlrApp()
+{
+    // The message handler must stop asking this object for its level before
+    // any member goes away.
+    DlrFinalizeLogging();
+    downloadBuffer.reset();
+    mainWindow.reset();
+}
+
+bool DlrApp::Start()
+{
+    setWindowIcon(LoadIconResource("vluminstaller.png"));
+    loadStylesheet("vluminstaller.qss");
+
+    mainWindow = std::make_unique<DlrMainWindow>();
+    mainWindow->show();
+    mainWindow->raise();
+    return false;
+}
+
+QString DlrApp::resourcePath(const char* folder, const char* name) const
+{
+    // Joined as text, not normalised: the bundle layout is fixed.
+    return appDirPath + QDir::separator() + QLatin1String(folder) + QDir::separator()
+        + QString::fromLocal8Bit(name);
+}
+
+QIcon DlrApp::LoadIconResource(const char* name) const
+{
+    QIcon icon;
+    if (name)
+        icon.addFile(resourcePath("../Resources/images", name), QSize(), QIcon::Normal, QIcon::Off);
+    return icon;
+}
+
+QPixmap DlrApp::LoadPixmapResource(const char* name) const
+{
+    if (!name)
+        return QPixmap();
+    return QPixmap(resourcePath("../Resources/images", name));
+}
+
+void DlrApp::loadStylesheet(const char* name)
+{
+    if (!name)
+        return;
+    QFile file(resourcePath("../Resources/stylesheets", name));
+    if (!file.exists() || !file.open(QIODevice::ReadOnly | QIODevice::Text))
+        return;
+
+    // Lines are joined without a separator: rules must break lines only
+    // where no blank is needed.
+    QString sheet;
+    QTextStream in(&file);
+    while (!in.atEnd())
+        sheet += in.readLine();
+    file.close();
+    setStyleSheet(sheet);
+}

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <QApplication>
+#include <QDir>
+#include <QIcon>
+#include <QList>
+#include <QPixmap>
+#include <QString>
+#include <QUrl>
+
+#include <memory>
+
+class DlrMachineAssay;
+class DlrMainWindow;
+class QNetworkAccessManager;
+class QNetworkReply;
+class QSettings;
+
+// Server endpoints known to GetURL.
+enum DlrLocation {
+    ManifestLocation = 1,
+};
+
+// The one application object: owns the configuration, the server and
+// download state and the wizard window. Pages reach it through dlrApp() and
+// read or write its members directly; the server code answers them through
+// the four signals below.
+class DlrApp : public QApplication
+{
+    Q_OBJECT
+
+public:
+    DlrApp(int& argc, char** argv);
+    ~DlrApp() override;
+
+    // Builds and shows the wizard. Returns false when the event loop is to
+    // run, true when the process should end at once with status 1.
+    bool Start();
+    bool isGui() const { return true; }
+
+    QUrl GetURL(DlrLocation location) const;
+
+    // Images and the style sheet are files in the bundle's Resources folder;
+    // a missing file gives a null pixmap, an empty icon or the default look.
+    QIcon LoadIconResource(const char* name) const;
+    QPixmap LoadPixmapResource(const char* name) const;
+    void loadStylesheet(const char* name);
+
+    std::unique_ptr<DlrMainWindow> mainWindow;
+
+    // Configuration: defaults, then the settings file, the environment and
+    // the command line, each overriding the one before.
+    QString manifestServer;
+    QString manifestServerScheme;
+    QString manifestUrl;
+    QString appDirPath;
+    QString user;
+    qint32 logLevel = 2;
+    QString pass;
+    const bool gui = true;
+    QString alternateManifestFile;
+    QString appendManifestFile;
+    bool dumpManifest = false;
+
+    // Server and download state.
+    QNetworkAccessManager* networkManager = nullptr; // child of this object
+    QNetworkReply* manifestReply = nullptr;          // not owned
+    QNetworkReply* downloadReply = nullptr;          // not owned
+    int downloadIndex = -1;
+    std::unique_ptr<char[]> downloadBuffer;
+    std::unique_ptr<QDir> downloadDir;
+    bool sslErrorsAccepted = false;
+
+    QList<int> downloadIndices;
+    DlrMachineAssay* assay = nullptr; // process-wide singleton, not owned
+    QUrl successURL;
+    std::unique_ptr<QSettings> settings;
+
+signals:
+    void validManifestReply();
+    void invalidManifestReply(const QString& reason);
+    void failedDownload(const QString& reason, int manifestIndex);
+    void finishedDownload(int manifestIndex);
+
+private:
+    void loadSettings();
+    void parseEnvironment();
+    void parseCommandLineArguments();
+    QString resourcePath(const char* folder, const char* name) const;
+};
+
+// The application object, as every page and engine reaches it.
+inline DlrApp* dlrApp()
+{
+    return static_cast<DlrApp*>(QCoreApplication::instance());
+}
