@@ -5,6 +5,7 @@
 #include "DlrMainWindow.h"
 
 #include <QFile>
+#include <QImageReader>
 #include <QSettings>
 #include <QTextStream>
 
@@ -52,8 +53,13 @@ QString DlrApp::resourcePath(const char* folder, const char* name) const
 QIcon DlrApp::LoadIconResource(const char* name) const
 {
     QIcon icon;
-    if (name)
-        icon.addFile(resourcePath("../Resources/images", name), QSize(), QIcon::Normal, QIcon::Off);
+    if (!name)
+        return icon;
+    // QIcon keeps a file it cannot read as a non-empty icon that draws
+    // nothing; a missing or broken picture must give an empty icon instead.
+    const QString path = resourcePath("../Resources/images", name);
+    if (QImageReader(path).canRead())
+        icon.addFile(path, QSize(), QIcon::Normal, QIcon::Off);
     return icon;
 }
 

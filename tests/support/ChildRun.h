@@ -1,0 +1,79 @@
+#pragma once
+
+// Runs one of our programs as a child process with a clean, controlled
+// environment, and collects what it printed.
+
+#include <QByteArray>
+#include <QMap>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QStringList>
+#include <QTest>
+
+struct ChildRun {
+    int exitCode = -1;
+    QProcess::ExitStatus exitStatus = QProcess::CrashExit;
+    qint64 pid = 0;
+    QByteArray out;
+    QByteArray err;
+
+    // The text printed before the probe's "--- config" marker: what the
+    // option parser said.
+    QByteArray outBeforeConfig() const
+    {
+        const int at = out.indexOf("--- config\n");
+        return at < 0 ? out : out.left(at);
+    }
+
+    // The probe's "key=value" lines.
+    QMap<QString, QString> config() const
+    {
+        QMap<QString, QString> values;
+        const int at = out.indexOf("--- config\n");
+        if (at < 0)
+            return values;
+        const QList<QByteArray> lines = out.mid(at + 11).split('\n');
+        for (const QByteArray& line : lines) {
+            const int eq = line.indexOf('=');
+            if (eq > 0)
+                values.insert(QString::fromLocal8Bit(line.left(eq)), QString::fromLocal8Bit(line.mid(eq + 1)));
+        }
+        return values;
+    }
+};
+
+// HOME points at `home`; any debug switch of the caller's environment is
+// removed so that only what the test sets counts.
+inline ChildRun runChild(const QString& program, const QStringList& args, const QString& home,
+                         const QStringList& extraEnv = {})
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("VLUMINSTALLER_DEBUG_LOG"));
+    env.remove(QStringLiteral("DLRPROBE_LOG"));
+    env.insert(QStringLiteral("HOME"), home);
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    for (const QString& entry : extraEnv) {
+        const int eq = entry.indexOf(QLatin1Char('='));
+        env.insert(entry.left(eq), entry.mid(eq + 1));
+    }
+
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(program, args);
+    ChildRun run;
+    if (!process.waitForStarted(10000)) {
+        qWarning("could not start %s", qPrintable(program));
+        return run;
+    }
+    run.pid = process.processId();
+    if (!process.waitForFinished(30000)) {
+        process.kill();
+        process.waitForFinished();
+        qWarning("%s did not finish", qPrintable(program));
+    }
+    run.exitCode = process.exitCode();
+    run.exitStatus = process.exitStatus();
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
+}

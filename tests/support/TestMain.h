@@ -1,0 +1,33 @@
+#pragma once
+
+// For suites that need the real application object: it gets a clean home
+// folder (so no user settings leak in) and the given options; the test
+// runner keeps the process's own arguments.
+
+#include "DlrApp.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <vector>
+
+template <typename TestClass>
+int runWithDlrApp(int argc, char** argv, std::vector<const char*> options)
+{
+    QTemporaryDir home;
+    qputenv("HOME", home.path().toLocal8Bit());
+    qunsetenv("VLUMINSTALLER_DEBUG_LOG");
+
+    std::vector<QByteArray> storage{QByteArray(argv[0])};
+    for (const char* option : options)
+        storage.emplace_back(option);
+    std::vector<char*> appArgs;
+    for (QByteArray& arg : storage)
+        appArgs.push_back(arg.data());
+    int appArgc = static_cast<int>(appArgs.size());
+    appArgs.push_back(nullptr);
+
+    DlrApp app(appArgc, appArgs.data());
+    TestClass test;
+    return QTest::qExec(&test, argc, argv);
+}

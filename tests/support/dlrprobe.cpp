@@ -1,0 +1,61 @@
+// Child process for the configuration and logging suites. It builds the
+// application object from its own arguments (so option parsing, the settings
+// lookup and the environment are exercised for real), then:
+//  - prints the configuration it ended with, one "key=value" line each,
+//    after a "--- config" marker on standard output;
+//  - with DLRPROBE_LOG set, starts logging and sends one message of each
+//    kind, and one more debug message after the application object is gone.
+// The mode comes from the environment because the arguments belong to the
+// application object.
+
+#include "DlrApp.h"
+#include "DlrLog.h"
+
+#include <QSettings>
+
+#include <QDebug>
+
+#include <cstdio>
+
+namespace {
+
+void printConfig(const DlrApp& app)
+{
+    const QList<QPair<const char*, QString>> values = {
+        {"user", app.user},
+        {"pass", app.pass},
+        {"manifestServer", app.manifestServer},
+        {"manifestServerScheme", app.manifestServerScheme},
+        {"manifestUrl", app.manifestUrl},
+        {"alternateManifestFile", app.alternateManifestFile},
+        {"appendManifestFile", app.appendManifestFile},
+        {"logLevel", QString::number(app.logLevel)},
+        {"dumpManifest", app.dumpManifest ? QStringLiteral("true") : QStringLiteral("false")},
+        {"settingsFile", app.settings ? app.settings->fileName() : QString()},
+        {"manifestURL", app.GetURL(ManifestLocation).toString()},
+        {"successURL", app.successURL.toString()},
+    };
+    std::printf("--- config\n");
+    for (const auto& value : values)
+        std::printf("%s=%s\n", value.first, value.second.toLocal8Bit().constData());
+    std::fflush(stdout);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    {
+        DlrApp app(argc, argv);
+        printConfig(app);
+        if (!qEnvironmentVariableIsSet("DLRPROBE_LOG"))
+            return 0;
+        DlrInitializeLogging();
+        qDebug() << "probe debug line";
+        qWarning() << "probe warning line";
+        qCritical() << "probe critical line";
+        qInfo() << "probe info line";
+    }
+    qDebug() << "probe debug after shutdown";
+    return 0;
+}
