@@ -1,0 +1,155 @@
+// The real program on a real X server (Xvfb), driven by key presses from
+// outside as a user would: the window comes up with its title and size, the
+// keyboard walks it to the end, and each way out gives the right status.
+
+#include "../support/ChildRun.h"
+
+#include <QDir>
+#include <QFile>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+class TestSession : public QObject
+{
+    Q_OBJECT
+
+private:
+    QProcess xserver;
+    QString display;
+    QTemporaryDir home;
+
+    QByteArray xdotool(const QStringList& args, int timeoutMs = 10000)
+    {
+        QProcess tool;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("DISPLAY"), display);
+        tool.setProcessEnvironment(env);
+        tool.start(QStringLiteral("xdotool"), args);
+        if (!tool.waitForFinished(timeoutMs)) {
+            tool.kill();
+            tool.waitForFinished();
+            return QByteArray();
+        }
+        return tool.readAllStandardOutput().trimmed();
+    }
+
+    // Starts the wizard on our display and waits for its window.
+    void startWizard(QProcess& wizard, const QStringList& args, QByteArray& windowId)
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("DISPLAY"), display);
+        env.insert(QStringLiteral("HOME"), home.path());
+        env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+        env.remove(QStringLiteral("VLUMINSTALLER_DEBUG_LOG"));
+        wizard.setProcessEnvironment(env);
+        wizard.start(QStringLiteral(VLUM_INSTALLER), args);
+        QVERIFY(wizard.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !(windowId = xdotool({"search", "--onlyvisible", "--name", "^Velluma Installer$"})).isEmpty(), 15000);
+        windowId = windowId.split('\n').first();
+    }
+
+    void finish(QProcess& wizard)
+    {
+        // waitForFinished() is false for a process that has already ended.
+        if (wizard.state() != QProcess::NotRunning && !wizard.waitForFinished(15000)) {
+            wizard.kill();
+            wizard.waitForFinished();
+            QFAIL("the wizard did not end");
+        }
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(!QStandardPaths::findExecutable(QStringLiteral("Xvfb")).isEmpty(), "Xvfb is not installed");
+        QVERIFY2(!QStandardPaths::findExecutable(QStringLiteral("xdotool")).isEmpty(), "xdotool is not installed");
+        // A display number nobody holds: Xvfb refuses one that is taken.
+        for (int n = 140; n < 240 && display.isEmpty(); ++n) {
+            if (QFile::exists(QStringLiteral("/tmp/.X%1-lock").arg(n)))
+                continue;
+            xserver.start(QStringLiteral("Xvfb"), {QStringLiteral(":%1").arg(n), "-screen", "0", "1024x768x24",
+                                                   "-nolisten", "tcp"});
+            if (!xserver.waitForStarted())
+                continue;
+            display = QStringLiteral(":%1").arg(n);
+            // Ready once a client can talk to it.
+            QTRY_VERIFY_WITH_TIMEOUT(!xdotool({"getdisplaygeometry"}).isEmpty()
+                                         || xserver.state() != QProcess::Running,
+                                     10000);
+            if (xserver.state() != QProcess::Running)
+                display.clear();
+        }
+        QVERIFY2(!display.isEmpty(), "could not start Xvfb");
+    }
+
+    void cleanupTestCase()
+    {
+        xserver.terminate();
+        if (!xserver.waitForFinished(5000))
+            xserver.kill();
+    }
+
+    void windowOnScreen()
+    {
+        QProcess wizard;
+        QByteArray id;
+        startWizard(wizard, {}, id);
+        QVERIFY(!id.isEmpty());
+        const QByteArray geometry = xdotool({"getwindowgeometry", QString::fromLatin1(id)});
+        QVERIFY2(geometry.contains("Geometry: 800x400"), geometry.constData());
+        xdotool({"key", "Escape"}); // a wizard closes on Escape as on its title bar
+        finish(wizard);
+        QCOMPARE(wizard.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(wizard.exitCode(), 0);
+    }
+
+    // Presses Return until the wizard ends (the first presses may arrive
+    // before the new window has the keyboard).
+    void returnUntilEnd(QProcess& wizard)
+    {
+        for (int press = 0; press < 20 && wizard.state() == QProcess::Running; ++press) {
+            xdotool({"key", "Return"});
+            wizard.waitForFinished(300);
+        }
+        finish(wizard);
+    }
+
+    // Enter on each page until Finish: status 0, and the last page's debug
+    // line shows that the finished page was reached. No browser exists here,
+    // which must not keep the wizard open.
+    void keyboardWalkToTheEnd()
+    {
+        QProcess wizard;
+        QByteArray id;
+        startWizard(wizard, {"-user", "alice", "-pass", "secret", "-debug"}, id);
+        returnUntilEnd(wizard);
+        QCOMPARE(wizard.exitCode(), 0);
+        const QByteArray err = wizard.readAllStandardError();
+        QVERIFY2(err.contains("]: Debug: Finished!\n"), err.constData());
+    }
+
+    // Without a password Enter does nothing; once it is typed, Enter goes on.
+    void passwordTypedAtTheKeyboard()
+    {
+        QProcess wizard;
+        QByteArray id;
+        startWizard(wizard, {"-user", "alice", "-debug"}, id);
+        for (int press = 0; press < 5; ++press) {
+            xdotool({"key", "Return"});
+            QVERIFY(!wizard.waitForFinished(200));
+        }
+        QVERIFY(!xdotool({"search", "--onlyvisible", "--name", "^Velluma Installer$"}).isEmpty());
+        // The focus starts on the sign-up button; the password field is
+        // just before it.
+        xdotool({"key", "shift+Tab"});
+        xdotool({"type", "--delay", "20", "secret"});
+        returnUntilEnd(wizard);
+        QCOMPARE(wizard.exitCode(), 0);
+        QVERIFY(wizard.readAllStandardError().contains("]: Debug: Finished!\n"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSession)
+#include "tst_session.moc"
