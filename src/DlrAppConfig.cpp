@@ -8,6 +8,7 @@
 #include <QSettings>
 #include <QStringList>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 
@@ -53,6 +54,24 @@ QString settingText(const QVariant& value)
     return value.toString();
 }
 
+struct TextMember {
+    const char* name; // the settings key; the option is "-" + name
+    QString* member;
+};
+
+std::array<TextMember, 7> textMembers(DlrApp& app)
+{
+    return {{
+        {"user", &app.user},
+        {"manifestserver", &app.manifestServer},
+        {"manifestserverscheme", &app.manifestServerScheme},
+        {"manifesturl", &app.manifestUrl},
+        {"pass", &app.pass},
+        {"appendmanifest", &app.appendManifestFile},
+        {"manifest", &app.alternateManifestFile},
+    }};
+}
+
 } // namespace
 
 void DlrApp::loadSettings()
@@ -70,20 +89,8 @@ void DlrApp::loadSettings()
     }
     settings = std::make_unique<QSettings>(path, QSettings::IniFormat);
 
-    const struct {
-        const char* key;
-        QString* member;
-    } texts[] = {
-        {"user", &user},
-        {"manifestserver", &manifestServer},
-        {"manifestserverscheme", &manifestServerScheme},
-        {"manifesturl", &manifestUrl},
-        {"pass", &pass},
-        {"appendmanifest", &appendManifestFile},
-        {"manifest", &alternateManifestFile},
-    };
-    for (const auto& entry : texts) {
-        const QString key = QLatin1String(entry.key);
+    for (const TextMember& entry : textMembers(*this)) {
+        const QString key = QLatin1String(entry.name);
         if (settings->contains(key))
             *entry.member = settingText(settings->value(key));
     }
@@ -106,25 +113,14 @@ void DlrApp::parseCommandLineArguments()
     if (args.size() < 2)
         return;
 
-    const struct {
-        const char* option;
-        QString* member;
-    } valueOptions[] = {
-        {"-user", &user},
-        {"-manifestserver", &manifestServer},
-        {"-manifestserverscheme", &manifestServerScheme},
-        {"-manifesturl", &manifestUrl},
-        {"-pass", &pass},
-        {"-appendmanifest", &appendManifestFile},
-        {"-manifest", &alternateManifestFile},
-    };
+    const std::array<TextMember, 7> valueOptions = textMembers(*this);
 
     int i = 1;
     while (i < args.size()) {
         const QString& arg = args.at(i);
         bool handled = false;
-        for (const auto& opt : valueOptions) {
-            if (arg != QLatin1String(opt.option))
+        for (const TextMember& opt : valueOptions) {
+            if (!arg.startsWith(QLatin1Char('-')) || arg.midRef(1) != QLatin1String(opt.name))
                 continue;
             if (i + 1 < args.size()) {
                 // A server named on the command line is plain http unless a

@@ -129,26 +129,6 @@ private slots:
         const QByteArray err = wizard.readAllStandardError();
         QVERIFY2(err.contains("]: Debug: Finished!\n"), err.constData());
     }
-
-    // Without a password Enter does nothing; once it is typed, Enter goes on.
-    void passwordTypedAtTheKeyboard()
-    {
-        QProcess wizard;
-        QByteArray id;
-        startWizard(wizard, {"-user", "alice", "-debug"}, id);
-        for (int press = 0; press < 5; ++press) {
-            xdotool({"key", "Return"});
-            QVERIFY(!wizard.waitForFinished(200));
-        }
-        QVERIFY(!xdotool({"search", "--onlyvisible", "--name", "^Velluma Installer$"}).isEmpty());
-        // The focus starts on the sign-up button; the password field is
-        // just before it.
-        xdotool({"key", "shift+Tab"});
-        xdotool({"type", "--delay", "20", "secret"});
-        returnUntilEnd(wizard);
-        QCOMPARE(wizard.exitCode(), 0);
-        QVERIFY(wizard.readAllStandardError().contains("]: Debug: Finished!\n"));
-    }
 };
 
 QTEST_GUILESS_MAIN(TestSession)
