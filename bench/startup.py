@@ -64,7 +64,7 @@ class Xvfb:
         read_end, write_end = os.pipe()
         try:
             self.process = subprocess.Popen(
-                [xvfb, "-displayfd", str(write_end), "-screen", "0", SCREEN, "-nolisten", "tcp"],
+                [xvfb, "-displayfd", str(write_end), "-screen", "0", SCREEN, "-nolisten", "tcp", "-noreset"],
                 stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log,
                 pass_fds=(write_end,))
             os.close(write_end)

@@ -46,7 +46,10 @@ private:
         wizard.start(QStringLiteral(VLUM_INSTALLER), args);
         QVERIFY(wizard.waitForStarted());
         QTRY_VERIFY_WITH_TIMEOUT(
-            !(windowId = xdotool({"search", "--onlyvisible", "--name", "^Velluma Installer$"})).isEmpty(), 15000);
+            !(windowId = xdotool({"search", "--onlyvisible", "--name", "^Velluma Installer$"})).isEmpty()
+                || wizard.state() != QProcess::Running,
+            15000);
+        QVERIFY2(!windowId.isEmpty(), wizard.readAllStandardError().constData());
         windowId = windowId.split('\n').first();
     }
 
@@ -69,8 +72,10 @@ private slots:
         for (int n = 140; n < 240 && display.isEmpty(); ++n) {
             if (QFile::exists(QStringLiteral("/tmp/.X%1-lock").arg(n)))
                 continue;
+            // -noreset: a server that resets when its last client leaves
+            // refuses the next wizard for a moment.
             xserver.start(QStringLiteral("Xvfb"), {QStringLiteral(":%1").arg(n), "-screen", "0", "1024x768x24",
-                                                   "-nolisten", "tcp"});
+                                                   "-nolisten", "tcp", "-noreset"});
             if (!xserver.waitForStarted())
                 continue;
             display = QStringLiteral(":%1").arg(n);
