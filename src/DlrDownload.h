@@ -19,8 +19,6 @@ private:
     // gaps skipped, nothing above 19, starting over after the last one.
     QPixmap nextWUWPixmap();
 
-    int position = -1;
-    bool allDone = false;
     QLabel* artwork = nullptr;
     QProgressBar* progressBar = nullptr;
     QLabel* status = nullptr;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QList>
 #include <QWizardPage>
 
 class QCheckBox;
@@ -15,10 +14,6 @@ public:
     explicit DlrSelection(QWidget* parent);
 
 private:
-    bool assayDone = false;
-    bool manifestReady = false;
     QListWidget* productList = nullptr; // owned through the page's layout
     QCheckBox* showAll = nullptr;
-    QList<int> chosenIndices;
-    QList<int> hiddenIndices;
 };

@@ -78,13 +78,7 @@ private slots:
         QTest::addColumn<QString>("text");
         QTest::newRow("0") << 0 << "no error condition.";
         QTest::newRow("1") << 1 << "the remote server refused the connection (the server is not accepting requests)";
-        QTest::newRow("5") << 5 << "the operation was canceled via calls to abort() or close() before it was finished.";
-        QTest::newRow("99") << 99 << "an unknown network-related error was detected";
-        QTest::newRow("105") << 105
-                             << "the proxy requires authentication in order to honour the request but did not "
-                                "accept any credentials offered (if any)";
         QTest::newRow("203") << 203 << "the remote content was not found at the server (similar to HTTP error 404)";
-        QTest::newRow("299") << 299 << "an unknown error related to the remote content was detected";
         QTest::newRow("399") << 399
                              << "a breakdown in protocol was detected (parsing error, invalid or unexpected "
                                 "responses, etc.)";

@@ -8,7 +8,9 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QStringList>
-#include <QTest>
+
+// The probe prints its configuration after this line.
+inline constexpr char kConfigMarker[] = "--- config\n";
 
 struct ChildRun {
     int exitCode = -1;
@@ -21,7 +23,7 @@ struct ChildRun {
     // option parser said.
     QByteArray outBeforeConfig() const
     {
-        const int at = out.indexOf("--- config\n");
+        const int at = out.indexOf(kConfigMarker);
         return at < 0 ? out : out.left(at);
     }
 
@@ -29,10 +31,10 @@ struct ChildRun {
     QMap<QString, QString> config() const
     {
         QMap<QString, QString> values;
-        const int at = out.indexOf("--- config\n");
+        const int at = out.indexOf(kConfigMarker);
         if (at < 0)
             return values;
-        const QList<QByteArray> lines = out.mid(at + 11).split('\n');
+        const QList<QByteArray> lines = out.mid(at + int(sizeof kConfigMarker) - 1).split('\n');
         for (const QByteArray& line : lines) {
             const int eq = line.indexOf('=');
             if (eq > 0)

@@ -8,12 +8,12 @@
 // The mode comes from the environment because the arguments belong to the
 // application object.
 
+#include "ChildRun.h"
 #include "DlrApp.h"
 #include "DlrLog.h"
 
-#include <QSettings>
-
 #include <QDebug>
+#include <QSettings>
 
 #include <cstdio>
 
@@ -35,7 +35,7 @@ void printConfig(const DlrApp& app)
         {"manifestURL", app.GetURL(ManifestLocation).toString()},
         {"successURL", app.successURL.toString()},
     };
-    std::printf("--- config\n");
+    std::printf("%s", kConfigMarker);
     for (const auto& value : values)
         std::printf("%s=%s\n", value.first, value.second.toLocal8Bit().constData());
     std::fflush(stdout);
