@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QString>
+
+// The values that differ between the platforms the wizard runs on. One
+// implementation per platform (DlrPlatform_<os>.cpp), chosen by CMake;
+// nothing else in the code asks which platform it is on.
+class DlrPlatform
+{
+public:
+    // The program that prints the machine's hardware and install history
+    // as a property list (VLUM_SYSTEM_PROFILER overrides it).
+    static QString SystemProfilerProgram();
+
+    // The folder where the vendor's products are installed
+    // (VLUM_PRODUCT_ROOT overrides it).
+    static QString ProductRoot();
+
+    // The package installer the privileged helper runs.
+    static QString PackageInstallerProgram();
+
+    // The label the privileged helper is registered under.
+    static QString HelperLabel();
+
+    // Where the privileged helper listens (VLUM_HELPER_SOCKET overrides it).
+    static QString HelperSocketPath();
+
+    // The folder of the bundle's helper programs.
+    static QString LibexecDir();
+};

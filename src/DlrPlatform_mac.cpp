@@ -1,0 +1,45 @@
+#include "DlrPlatform.h"
+
+#include <QCoreApplication>
+#include <QDir>
+
+namespace {
+
+QString fromEnvironment(const char* name, const QString& fallback)
+{
+    const QString value = qEnvironmentVariable(name);
+    return value.isEmpty() ? fallback : value;
+}
+
+} // namespace
+
+QString DlrPlatform::LibexecDir()
+{
+    return QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../Library/LaunchServices"));
+}
+
+QString DlrPlatform::SystemProfilerProgram()
+{
+    return fromEnvironment("VLUM_SYSTEM_PROFILER", QStringLiteral("/usr/sbin/system_profiler"));
+}
+
+QString DlrPlatform::ProductRoot()
+{
+    return fromEnvironment("VLUM_PRODUCT_ROOT", QStringLiteral("/Applications/Oktavo"));
+}
+
+QString DlrPlatform::PackageInstallerProgram()
+{
+    return QStringLiteral("/usr/sbin/installer");
+}
+
+QString DlrPlatform::HelperLabel()
+{
+    return QStringLiteral("com.oktavo.velluma.InstallerHelper");
+}
+
+QString DlrPlatform::HelperSocketPath()
+{
+    // On macOS the helper is reached by its Mach service name, not a path.
+    return HelperLabel();
+}
