@@ -18,6 +18,8 @@ DlrApp::DlrApp(int& argc, char** argv)
     , successURL(QStringLiteral("https://%1/view/Install-Success").arg(QLatin1String(DlrVendorHost)),
                  QUrl::TolerantMode)
 {
+    // Two private slots take the list of TLS problems.
+    qRegisterMetaType<QList<QSslError>>("QList<QSslError>");
     loadSettings();
     parseEnvironment();
     parseCommandLineArguments();

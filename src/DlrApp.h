@@ -1,10 +1,13 @@
 #pragma once
 
+#include "DlrManifestElement.h"
+
 #include <QApplication>
 #include <QDir>
 #include <QIcon>
 #include <QList>
 #include <QPixmap>
+#include <QSslError>
 #include <QString>
 #include <QUrl>
 
@@ -46,7 +49,21 @@ public:
     QPixmap LoadPixmapResource(const char* name) const;
     void loadStylesheet(const char* name);
 
+    // Server communication. Every request goes through one manager; the
+    // outcome reaches the pages through the four signals below.
+    QNetworkAccessManager* getNetworkManager();
+    void RequestManifest(const QUrl& url, const QString& user, const QString& pass, const QString& platform);
+
+    // Downloads, one at a time, into the download folder.
+    QDir* GetDownloadDir();
+    void CheckForDownload(int manifestIndex);
+    QNetworkReply* DownloadProduct(int manifestIndex);
+    QString getDownloadPath(int manifestIndex);
+    static QString getFinalNameFromTempName(const QString& tempName);
+
     std::unique_ptr<DlrMainWindow> mainWindow;
+    // The offers of the current manifest; a manifest index is a position here.
+    QList<DlrManifestElement> manifest;
 
     // Configuration: defaults, then the settings file, the environment and
     // the command line, each overriding the one before.
@@ -82,7 +99,21 @@ signals:
     void failedDownload(const QString& reason, int manifestIndex);
     void finishedDownload(int manifestIndex);
 
+private slots:
+    void finishedReply(QNetworkReply* reply);
+    void downloadReadyRead();
+    void downloadSslErrors(QList<QSslError> errors);
+    void manifestSslErrors(QList<QSslError> errors);
+
 private:
+    void sslErrors(QNetworkReply* reply, const QList<QSslError>& errors);
+    void replyFromManifestRequest(QNetworkReply* reply);
+    void alternateManifest();
+    void appendManifest();
+    void finishedDownload(QNetworkReply* reply);
+    void getDownloadBuffer();
+    void dropDownloadFile(int manifestIndex, const QSharedPointer<QFile>& file);
+
     void loadSettings();
     void parseEnvironment();
     void parseCommandLineArguments();

@@ -1,0 +1,171 @@
+// The application object's server side: the shared network manager, the
+// routing of finished replies, the TLS policy and the manifest request.
+
+#include "DlrApp.h"
+
+#include "DlrManifestHandler.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QHttpMultiPart>
+#include <QMessageBox>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+
+QNetworkAccessManager* DlrApp::getNetworkManager()
+{
+    if (networkManager)
+        return networkManager;
+    networkManager = new QNetworkAccessManager(this);
+    connect(networkManager, SIGNAL(finished(QNetworkReply*)), this, SLOT(finishedReply(QNetworkReply*)));
+    return networkManager;
+}
+
+void DlrApp::finishedReply(QNetworkReply* reply)
+{
+    if (!reply) {
+        qDebug() << "Oy! null reply";
+        return;
+    }
+    if (reply == manifestReply)
+        replyFromManifestRequest(reply);
+    else if (reply == downloadReply)
+        finishedDownload(reply);
+}
+
+void DlrApp::manifestSslErrors(QList<QSslError> errors)
+{
+    if (manifestReply)
+        sslErrors(manifestReply, errors);
+}
+
+void DlrApp::downloadSslErrors(QList<QSslError> errors)
+{
+    if (downloadReply)
+        sslErrors(downloadReply, errors);
+}
+
+void DlrApp::sslErrors(QNetworkReply* reply, const QList<QSslError>& errors)
+{
+    if (sslErrorsAccepted) {
+        reply->ignoreSslErrors();
+        return;
+    }
+    // Our own servers are signed by a root the system need not know.
+    if (errors.size() == 1 && errors.first().error() == QSslError::SelfSignedCertificateInChain) {
+        reply->ignoreSslErrors();
+        return;
+    }
+
+    // The handshake is decided when this slot returns, so the user answers
+    // here, in a nested event loop.
+    QMessageBox box(QMessageBox::Critical, QString(),
+                    QStringLiteral("There was issue with the SSL connection. Continue anyway?"),
+                    QMessageBox::Ok | QMessageBox::Cancel);
+    box.setDefaultButton(QMessageBox::Ok);
+    if (errors.size() == 1) {
+        box.setInformativeText(errors.first().errorString());
+    } else {
+        box.setInformativeText(QStringLiteral("There were multiple issues with the SSL connection"));
+        QStringList details;
+        for (const QSslError& error : errors) {
+            qDebug() << "ssl error:" << error.errorString();
+            details << error.errorString();
+        }
+        box.setDetailedText(details.join(QStringLiteral("---")));
+    }
+    if (box.exec() == QMessageBox::Ok) {
+        reply->ignoreSslErrors();
+        sslErrorsAccepted = true;
+    }
+}
+
+void DlrApp::RequestManifest(const QUrl& url, const QString& user, const QString& pass, const QString& platform)
+{
+    manifest.clear();
+
+    if (!alternateManifestFile.isEmpty()) {
+        qDebug() << "Loading manifest from disk ONLY";
+        alternateManifest();
+        emit validManifestReply();
+        return;
+    }
+
+    qDebug() << "Requesting manifest from " << url;
+
+    auto* body = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+    const auto addField = [body](const char* name, const QString& value) {
+        QHttpPart part;
+        part.setRawHeader("Content-Disposition", QByteArray("form-data; name=\"") + name + '"');
+        part.setBody(value.toUtf8());
+        body->append(part);
+    };
+    addField("platform", platform);
+    QString escapedUser = user;
+    addField("username", escapedUser.replace(QLatin1Char('&'), QLatin1String("&amp;")));
+    addField("userpass", pass);
+
+    manifestReply = getNetworkManager()->post(QNetworkRequest(url), body);
+    body->setParent(manifestReply);
+    connect(manifestReply, SIGNAL(sslErrors(QList<QSslError>)), this, SLOT(manifestSslErrors(QList<QSslError>)));
+}
+
+void DlrApp::replyFromManifestRequest(QNetworkReply* reply)
+{
+    const QByteArray validation = reply->rawHeader("Validation");
+    if (validation.startsWith("Approved")) {
+        qDebug() << "Manifest request approved";
+        const QByteArray body = reply->readAll();
+        if (dumpManifest) {
+            QFile dump(GetDownloadDir()->filePath(QStringLiteral("manifest.xml")));
+            if (dump.open(QIODevice::WriteOnly | QIODevice::Truncate))
+                dump.write(body);
+        }
+        const bool parsed = DlrManifestHandler::Parse(manifest, body);
+        appendManifest();
+        if (!parsed) {
+            qDebug() << "Bad Wolf:\n" << body;
+            emit invalidManifestReply(QStringLiteral("bad manifest reply"));
+        } else {
+            emit validManifestReply();
+        }
+    } else if (validation.startsWith("Error")) {
+        qDebug() << "Manifest request denied";
+        QString reason = QStringLiteral("Manifest request denied");
+        if (validation.size() > 5)
+            reason = QString::fromUtf8(validation.constData()).mid(5).trimmed();
+        emit invalidManifestReply(reason);
+    } else {
+        qDebug() << "Crikey! unknown manifest Validation" << validation;
+        emit invalidManifestReply(QStringLiteral("Unknown manifest Validation"));
+    }
+
+    qDebug() << QString::fromUtf8(reply->readAll());
+    manifestReply = nullptr;
+    reply->deleteLater();
+}
+
+void DlrApp::alternateManifest()
+{
+    if (alternateManifestFile.isEmpty())
+        return;
+    qDebug() << "Loading alternate manifest" << alternateManifestFile;
+    if (DlrManifestHandler::ParseFile(manifest, alternateManifestFile))
+        qDebug() << "added alt manifest";
+    else
+        qDebug() << "failed to parse alt manifest";
+}
+
+void DlrApp::appendManifest()
+{
+    if (appendManifestFile.isEmpty())
+        appendManifestFile = qEnvironmentVariable("DLR_APPEND_MANIFEST_FILE");
+    if (appendManifestFile.isEmpty())
+        return;
+    qDebug() << "Appending alternate manifest" << appendManifestFile;
+    if (DlrManifestHandler::ParseFile(manifest, appendManifestFile))
+        qDebug() << "appended alt manifest";
+    else
+        qDebug() << "failed to parse alt manifest";
+}

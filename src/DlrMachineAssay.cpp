@@ -1,0 +1,6 @@
+#include "DlrMachineAssay.h"
+
+QString DlrMachineAssay::GetUserDownloadPath()
+{
+    return QDir(QDir::homePath()).absolutePath() + QStringLiteral("/Downloads");
+}

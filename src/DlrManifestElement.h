@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QFile>
+#include <QList>
+#include <QSharedPointer>
+#include <QString>
+#include <QUrl>
+
+class QRegExp;
+
+// One product offer of the manifest: an installer package with its name,
+// build, size, address, display behaviour and version. A copyable value.
+class DlrManifestElement
+{
+public:
+    struct VersionStruct {
+        QString major;
+        QString minor;
+        QString beta;
+    };
+
+    QString BuildID;
+    QString DefaultBehavior;
+    QUrl DownloadURL;
+    QString SimpleName;
+    QString Name;
+    qint64 FileSize = 0;
+    bool downloaded = false;
+    // Copies of an offer share its file object; the last copy to go frees
+    // it, so the list and the download engine never free it twice.
+    QSharedPointer<QFile> downloadFile;
+    VersionStruct version;
+
+    void GetBuildId(int& buildId) const;
+
+    bool GetIsCoreServer() const;
+    bool GetIsVellumaForMaya() const;
+    bool GetIsVWSForMaya() const;
+    bool GetIsHarrow() const;
+
+    // Both return true when no version could be read, and then leave the
+    // out-parameter alone.
+    bool GetVersion(QString& version) const;
+    bool GetVersion(float& version) const;
+
+    VersionStruct& GetVersion();
+    VersionStruct GetMajorVersion();
+
+    static int FindHighestVersionOfProduct(const QList<DlrManifestElement>& offers, QRegExp& product);
+
+private:
+    // SimpleName when given, Name otherwise: every name test uses it.
+    const QString& matchName() const;
+};

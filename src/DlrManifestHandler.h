@@ -1,0 +1,52 @@
+#pragma once
+
+#include "DlrManifestElement.h"
+
+#include <QList>
+#include <QtGlobal>
+
+// The SAX classes are deprecated in Qt 5.15 but are what this reader is
+// built on; the warning is silenced for this header only.
+QT_WARNING_PUSH
+QT_WARNING_DISABLE_DEPRECATED
+#include <QXmlDefaultHandler>
+
+// Turns a manifest document into offers appended to a list: each
+// ProductInfo starts an offer, and field elements fill the latest one.
+class DlrManifestHandler : public QXmlDefaultHandler
+{
+public:
+    explicit DlrManifestHandler(QList<DlrManifestElement>& manifest);
+    ~DlrManifestHandler() override;
+
+    bool startElement(const QString& namespaceURI, const QString& localName, const QString& qName,
+                      const QXmlAttributes& atts) override;
+    bool characters(const QString& ch) override;
+    bool fatalError(const QXmlParseException& exception) override;
+
+    // Reads one document into the list (never clearing it); true when the
+    // whole document was read.
+    static bool Parse(QList<DlrManifestElement>& manifest, QXmlInputSource& source);
+    static bool Parse(QList<DlrManifestElement>& manifest, const QByteArray& document);
+    static bool ParseFile(QList<DlrManifestElement>& manifest, const QString& path);
+
+private:
+    enum Field {
+        NoField = 0,
+        NameField,
+        BuildIdField,
+        SimpleNameField,
+        DownloadUrlField,
+        FileSizeField,
+        DefaultBehaviorField,
+        VersionMajorField,
+        VersionMinorField,
+        VersionBetaField,
+        SuccessUrlField,
+    };
+
+    QList<DlrManifestElement>& manifest;
+    Field currentField = NoField;
+};
+
+QT_WARNING_POP
