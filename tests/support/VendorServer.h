@@ -1,0 +1,132 @@
+#pragma once
+
+// The local vendor server (tools/vendor-server) as a child process of a
+// test, with a catalog folder of the test's own making.
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QUrl>
+
+class VendorServer
+{
+public:
+    VendorServer()
+    {
+        QDir(catalogDir.path()).mkpath(QStringLiteral("packages"));
+        setUsers({{QStringLiteral("demo"), QStringLiteral("velluma")}});
+    }
+
+    ~VendorServer() { stop(); }
+
+    QString catalogPath(const QString& name) const { return catalogDir.filePath(name); }
+
+    void setUsers(const QList<QPair<QString, QString>>& users)
+    {
+        QJsonObject table;
+        for (const auto& user : users)
+            table.insert(user.first, user.second);
+        writeCatalogFile(QStringLiteral("users.json"),
+                         QJsonDocument(QJsonObject{{QStringLiteral("users"), table}}).toJson());
+    }
+
+    void writeCatalogFile(const QString& name, const QByteArray& bytes)
+    {
+        QFile file(catalogPath(name));
+        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            file.write(bytes);
+    }
+
+    // A package of the given size whose bytes follow a pattern, so a
+    // misplaced chunk shows.
+    void writePackage(const QString& name, qint64 size)
+    {
+        QByteArray bytes(int(size), Qt::Uninitialized);
+        for (int i = 0; i < bytes.size(); ++i)
+            bytes[i] = char((i * 7 + i / 251) & 0xff);
+        writeCatalogFile(QStringLiteral("packages/") + name, bytes);
+    }
+
+    QByteArray package(const QString& name) const
+    {
+        QFile file(catalogPath(QStringLiteral("packages/") + name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    // Starts the server; false when it did not say it was ready.
+    bool start(const QStringList& options = {})
+    {
+        process.setProgram(QStringLiteral(VLUM_SOURCE_DIR "/tools/vendor-server"));
+        process.setArguments(QStringList{QStringLiteral("--catalog"), catalogDir.path(), QStringLiteral("--state"),
+                                         stateDir.path()}
+                             + options);
+        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process.start();
+        if (!process.waitForStarted(10000))
+            return false;
+        QByteArray line;
+        while (!line.endsWith('\n')) {
+            if (!process.waitForReadyRead(20000))
+                return false;
+            line += process.readLine();
+        }
+        const QRegularExpressionMatch ready = QRegularExpression(
+            QStringLiteral("^READY port=(\\d+) url=(\\S+) ca=(\\S+) log=(\\S+)")).match(QString::fromUtf8(line));
+        if (!ready.hasMatch())
+            return false;
+        port = ready.captured(1).toInt();
+        base = QUrl(ready.captured(2));
+        caPath = ready.captured(3);
+        logPath = ready.captured(4);
+        return true;
+    }
+
+    void stop()
+    {
+        if (process.state() == QProcess::NotRunning)
+            return;
+        process.terminate();
+        if (!process.waitForFinished(5000))
+            process.kill();
+        process.waitForFinished(5000);
+    }
+
+    QUrl url(const QString& path) const
+    {
+        QUrl url = base;
+        const int query = path.indexOf(QLatin1Char('?'));
+        url.setPath(QLatin1Char('/') + path.left(query));
+        if (query >= 0)
+            url.setQuery(path.mid(query + 1));
+        return url;
+    }
+
+    // The requests the server received, oldest first.
+    QList<QJsonObject> requests() const
+    {
+        QList<QJsonObject> entries;
+        QFile file(logPath);
+        if (!file.open(QIODevice::ReadOnly))
+            return entries;
+        for (const QByteArray& line : file.readAll().split('\n')) {
+            if (!line.trimmed().isEmpty())
+                entries << QJsonDocument::fromJson(line).object();
+        }
+        return entries;
+    }
+
+    int port = 0;
+    QUrl base;
+    QString caPath;
+    QString logPath;
+
+private:
+    QTemporaryDir catalogDir;
+    QTemporaryDir stateDir;
+    QProcess process;
+};
