@@ -1,0 +1,187 @@
+"""Runs the real vendor server as a child process and talks to it over sockets.
+python3 -m unittest tools/test_vendor_server.py"""
+import http.client, json, os, re, select, signal, socket, ssl, subprocess, sys, tempfile, time, unittest
+import xml.etree.ElementTree as ET
+
+SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vendor-server")
+READY = re.compile(r"READY port=(\d+) url=(https?)://127\.0\.0\.1:\1 ca=(\S+) log=(\S+)\n\Z")
+PACKAGE = os.urandom(300000)  # more than one send chunk
+TEMPLATE = (b"<Manifest><ProductInfo><Name>one.pkg</Name><DownloadURL>@BASE@/packages/one.pkg"
+            b"</DownloadURL><FileSize>@SIZE:one.pkg@</FileSize></ProductInfo>"
+            b"<ProductInfo><FileSize>@SIZE:absent.pkg@</FileSize></ProductInfo></Manifest>")
+GOOD = [("platform", "osx"), ("username", "a&amp;b"), ("userpass", "p&w \u00fc")]
+
+
+def setUpModule():
+    global CATALOG
+    CATALOG = tempfile.TemporaryDirectory()
+    unittest.addModuleCleanup(CATALOG.cleanup)
+    os.mkdir(os.path.join(CATALOG.name, "packages"))
+    files = {"users.json": json.dumps({"users": {"a&amp;b": "p&w \u00fc", "demo": "velluma"}}).encode(),
+             "manifest.xml": TEMPLATE, "other.xml": b"<Manifest/>", "packages/one.pkg": PACKAGE}
+    for name, data in files.items():
+        with open(os.path.join(CATALOG.name, name), "wb") as f:
+            f.write(data)
+
+
+class Server:
+    def __init__(self, *args):
+        self.stderr = tempfile.TemporaryFile()
+        self.proc = subprocess.Popen([SERVER, "--catalog", CATALOG.name, *args],
+                                     stdout=subprocess.PIPE, stderr=self.stderr, text=True)
+        ready = select.select([self.proc.stdout], [], [], 30)[0]
+        self.line = self.proc.stdout.readline() if ready else ""
+        m = READY.match(self.line)
+        if not m:
+            self.proc.kill()
+            raise AssertionError("no ready line: %r" % self.line)
+        self.port, self.scheme, self.ca, self.log = int(m[1]), m[2], m[3], m[4]
+        self.context = ssl.create_default_context(cafile=None if self.ca == "-" else self.ca)
+
+    def connect(self):
+        if self.scheme == "http":
+            return http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        return http.client.HTTPSConnection("127.0.0.1", self.port, timeout=30, context=self.context)
+
+    def stop(self):
+        self.proc.send_signal(signal.SIGTERM)
+        rc = self.proc.wait(30)
+        with self.proc.stdout, self.stderr:
+            self.stderr.seek(0)
+            # Anything on stdout after the ready line, or on stderr at all, is a fault.
+            return rc, self.proc.stdout.read() + self.stderr.read().decode()
+
+
+def multipart(fields, boundary="b0undary"):
+    body = b"".join(b'--%s\r\nContent-Disposition: form-data; name="%s"\r\n\r\n%s\r\n'
+                    % (boundary.encode(), k.encode(), v.encode()) for k, v in fields)
+    return body + b"--%s--\r\n" % boundary.encode(), {"Content-Type": "multipart/form-data; boundary=" + boundary}
+
+
+def fetch(conn, method, url, body=None, headers={}, keep=False):
+    """The reply and whatever body bytes arrived before the server closed."""
+    conn.request(method, url, body, headers)
+    reply = conn.getresponse()
+    try:
+        data = reply.read()
+    except http.client.IncompleteRead as e:
+        data = e.partial
+    if not keep:
+        conn.close()
+    return reply, data
+
+
+class TlsModes(unittest.TestCase):
+    def test_tls_modes_data(self):
+        # Wrong certificates sent per mode, a leaf without the address, an unclean stop.
+        rows = {"ca": {True: None, False: "unable to get local issuer certificate"},  # root must not be sent
+                "chain": {True: None, False: "self-signed certificate in certificate chain"},
+                "self": {False: "self-signed certificate"}}
+        for mode, outcomes in rows.items():
+            server = Server("--tls", mode)
+            try:
+                self.assertEqual(server.ca == "-", mode == "self", "ca= printed for the wrong modes")
+                for trusted, error in outcomes.items():
+                    with self.subTest(mode=mode, trusted=trusted):
+                        context = server.context if trusted else ssl.create_default_context()
+                        try:  # check_hostname is on: the leaf must name 127.0.0.1
+                            context.wrap_socket(socket.create_connection(("127.0.0.1", server.port)),
+                                                server_hostname="127.0.0.1").close()
+                            self.assertIsNone(error, "handshake should have failed")
+                        except ssl.SSLCertVerificationError as e:
+                            self.assertEqual(e.verify_message, error)
+            finally:
+                self.assertEqual(server.stop(), (0, ""), "unclean stop or chatter")
+            self.assertFalse(os.path.exists(os.path.dirname(server.log)), "temporary state left behind")
+
+
+class Requests(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.server = Server()
+        cls.conn = cls.server.connect()  # one connection throughout: keep-alive must hold
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.conn.close()
+        assert cls.server.stop() == (0, ""), "unclean stop or chatter"
+
+    def test_validation_data(self):
+        # Wrong outcome or header, a template not substituted, keep-alive broken by a bad length.
+        base = "https://127.0.0.1:%d" % self.server.port
+        rows = [("approved for the name as sent on the wire", "", GOOD, "Approved", True),
+                ("unknown user", "", [GOOD[0], ("username", "a&b"), GOOD[2]], "Error Account not found", None),
+                ("wrong password", "", GOOD[:2] + [("userpass", "p&w")], "Error Wrong password", None),
+                ("missing platform", "", GOOD[1:], "Error Missing platform", None),
+                ("forced bare error", "?validation=bare-error", GOOD, "Error", None),
+                ("forced missing header", "?validation=missing", GOOD, None, None),
+                ("forced malformed body", "?validation=malformed", GOOD, "Approved", False),
+                ("forced approved-xyz", "?validation=approved-xyz", GOOD, "ApprovedXYZ", True),
+                ("other template", "?manifest=other.xml", GOOD, "Approved", True)]
+        for name, query, fields, validation, well_formed in rows:
+            with self.subTest(name):
+                reply, body = fetch(self.conn, "POST", "/forum/currentproducts.php" + query,
+                                    *multipart(fields), keep=True)
+                self.assertEqual((reply.status, reply.getheader("Validation")), (200, validation))
+                if well_formed is False:
+                    self.assertRaises(ET.ParseError, ET.fromstring, body)
+                elif well_formed and "other" in query:
+                    self.assertEqual(body, b"<Manifest/>")
+                elif well_formed:
+                    root = ET.fromstring(body)
+                    self.assertEqual(root.find("ProductInfo/DownloadURL").text, base + "/packages/one.pkg")
+                    self.assertEqual([e.text for e in root.iter("FileSize")], [str(len(PACKAGE)), "0"])
+
+    def test_log_keeps_parts_raw(self):
+        # Part headers normalised or part boundaries misplaced in the log tests read back.
+        raw = (b"preamble\r\n--xx\r\ncontent-DISPOSITION:  form-data; name=platform\r\nX-Odd: 1\r\n\r\n"
+               b"osx\r\n--xx\r\n\r\nno headers\r\n\r\n--xx--\r\n")
+        fetch(self.conn, "POST", "/somewhere?a=1", raw, {"Content-Type": "multipart/form-data; boundary=xx"}, True)
+        with open(self.server.log, encoding="utf-8") as f:
+            entry = json.loads(f.readlines()[-1])
+        self.assertEqual((entry["method"], entry["path"], entry["query"], entry["body_length"]),
+                         ("POST", "/somewhere", "a=1", len(raw)))
+        self.assertEqual(entry["parts"], [
+            {"headers": "content-DISPOSITION:  form-data; name=platform\r\nX-Odd: 1", "body": "osx"},
+            {"headers": "", "body": "no headers\r\n"}])
+
+    def test_package_faults_data(self):
+        # Wrong length or content, a drop or pacing ignored, a way out of packages/.
+        rows = [("whole package", "/packages/one.pkg", 200, PACKAGE, 0),
+                ("drop after 1000 bytes", "/packages/one.pkg?drop_after=1000", 200, PACKAGE[:1000], 0),
+                # Lower bounds only: a busy machine may be slower, never faster.
+                ("throttled", "/packages/one.pkg?drop_after=20000&throttle=50000", 200, PACKAGE[:20000], 0.35),
+                ("delayed", "/packages/one.pkg?delay=0.4", 200, PACKAGE, 0.4),
+                ("forced status", "/packages/one.pkg?status=503", 503, None, 0),
+                ("escape by encoded slash", "/packages/..%2Fusers.json", 404, None, 0),
+                ("escape by dot-dot", "/packages/../users.json", 404, None, 0),
+                ("absent package", "/packages/absent.pkg", 404, None, 0)]
+        for name, url, status, content, at_least in rows:
+            with self.subTest(name):
+                start = time.monotonic()
+                reply, got = fetch(self.server.connect(), "GET", url)
+                self.assertGreaterEqual(time.monotonic() - start, at_least)
+                self.assertEqual(reply.status, status)
+                if content is not None:
+                    self.assertEqual(reply.getheader("Content-Length"), str(len(PACKAGE)))
+                    self.assertEqual(got, content)
+
+
+class CommandLineSwitches(unittest.TestCase):
+    def test_query_overrides_command_line(self):
+        # Command-line switches ignored, a query that cannot override them, the plain-socket path.
+        server = Server("--http", "--drop-after", "10", "--validation", "bare-error")
+        manifest = "/forum/currentproducts.php?drop_after="
+        base = b"http://127.0.0.1:%d/packages/one.pkg" % server.port
+        rows = [("GET", "/packages/one.pkg", None, lambda body: body == PACKAGE[:10]),
+                ("GET", "/packages/one.pkg?drop_after=", None, lambda body: body == PACKAGE),
+                ("POST", manifest, "Error", lambda body: body == b""),
+                ("POST", manifest + "&validation=normal", "Approved", lambda body: base in body)]
+        try:
+            for method, url, validation, check in rows:
+                with self.subTest(url):
+                    reply, body = fetch(server.connect(), method, url, *multipart(GOOD))
+                    self.assertEqual(reply.getheader("Validation"), validation)
+                    self.assertTrue(check(body), body[:200])
+        finally:
+            self.assertEqual(server.stop(), (0, ""))
