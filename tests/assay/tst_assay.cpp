@@ -27,11 +27,12 @@ const QString kServer = QStringLiteral("bin/vlrender");
 const QString kWorkshop = QStringLiteral("vlumtree/bin/vlrender");
 const QString kQueue = QStringLiteral("bin/HomeQueue.app/Contents/MacOS/HomeQueue");
 const QString kIdFile = QStringLiteral("etc/buildid.txt");
+const QString kFixture = QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/system_profiler.xml");
 
-QByteArray fixture()
+// A profiler printing this property-list body.
+QByteArray printing(const char* body)
 {
-    QFile file(QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/system_profiler.xml"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return QByteArray("cat <<'EOF'\n<plist><array><dict>") + body + "</dict></array></plist>\nEOF";
 }
 
 // A queue application that must never be started: it leaves a mark.
@@ -51,48 +52,21 @@ private:
     QString productRoot;
     DlrMachineAssay* assay = nullptr;
 
-    // The profiler prints this document and exits with this status.
-    void useProfile(const QByteArray& document, int status = 0)
-    {
-        ProductTree(scratch.path()).file(QStringLiteral("profile.xml"), document);
-        useProfiler("cat '" + scratch.filePath(QStringLiteral("profile.xml")).toUtf8() + "'; exit "
-                    + QByteArray::number(status));
-    }
-
+    // The profiler runs these shell commands; none: it does not exist.
     void useProfiler(const QByteArray& commands)
     {
-        ProductTree(scratch.path()).script(QStringLiteral("profiler"), commands);
-        qputenv("VLUM_SYSTEM_PROFILER", scratch.filePath(QStringLiteral("profiler")).toLocal8Bit());
+        QString program = scratch.filePath(QStringLiteral("no-such-profiler"));
+        if (!commands.isEmpty() && ProductTree(scratch.path()).script(QStringLiteral("profiler"), commands))
+            program = scratch.filePath(QStringLiteral("profiler"));
+        qputenv("VLUM_SYSTEM_PROFILER", program.toLocal8Bit());
     }
 
-    void runProfileCase(const std::function<void()>& setUp, bool parsed, const QString& memory,
-                        const QStringList& mayas)
+    QStringList survey(bool profileRead = true)
     {
-        ProductTree tree(productRoot);
-        tree.banner(QStringLiteral("VCS-control/") + kServer, QStringLiteral("22.1"), QStringLiteral("1"));
-        setUp();
-        if (parsed)
+        if (profileRead)
             QTest::ignoreMessage(QtDebugMsg, QRegularExpression(QStringLiteral("^Got system profile")));
         else
             QTest::ignoreMessage(QtDebugMsg, "Couldn't read system_profiler output");
-        const QStringList records = survey();
-
-        QStringList expected;
-        for (const QString& maya : mayas)
-            expected << QStringLiteral("Maya|%1|||").arg(maya);
-        expected << QStringLiteral("Velluma CoreServer 22.1|22.1|1||~/VCS-control");
-        QCOMPARE(records, expected);
-        QString value = QStringLiteral("-");
-        assay->FindMachineProperty(DlrAttrMemory, value);
-        QCOMPARE(value, memory);
-        int gigabytes = -1;
-        QCOMPARE(assay->FindMachineProperty(DlrAttrMemory, gigabytes), memory != QLatin1String("-"));
-        QVERIFY(assay->FindMachineProperty(DlrAttrOS, value) && value == QLatin1String("osx"));
-        QVERIFY(!assay->FindMachineProperty(DlrAttrCannotInstallReason, value));
-    }
-
-    QStringList survey()
-    {
         dlrApp()->DoAssay();
         assay = dlrApp()->assay;
         QStringList records;
@@ -114,56 +88,57 @@ private slots:
     void init()
     {
         QVERIFY(QDir(productRoot).removeRecursively() && QDir().mkpath(productRoot));
-        useProfile("<plist><array/></plist>");
+        useProfiler(printing(""));
     }
 
     void profile_data()
     {
-        QTest::addColumn<QByteArray>("document");
+        QTest::addColumn<QByteArray>("profiler");
         QTest::addColumn<bool>("parsed");
         QTest::addColumn<QString>("memory"); // "-": not set
         QTest::addColumn<QStringList>("mayas");
 
-        const QByteArray xml = fixture();
-        const auto doc = [](const char* body) { return QByteArray("<plist><array><dict>") + body + "</dict></array></plist>"; };
-        QTest::newRow("captured profile") << xml << true << "16" << QStringList{"2016", "2017", "2016.5"};
-        QTest::newRow("lower-case gb") << doc("<key>physical_memory</key><string>8 gb</string>") << true << "8" << QStringList();
-        QTest::newRow("memory in MB is not read") << doc("<key>physical_memory</key><string>8192 MB</string>") << true << "-" << QStringList();
-        QTest::newRow("Maya without core") << doc("<key>_name</key><string>Maya 2018</string>") << true << "-" << QStringList();
-        QTest::newRow("Maya core without digits") << doc("<key>_name</key><string>MAYA CORE</string>") << true << "-" << QStringList{""};
-        QTest::newRow("value of another key") << doc("<key>other</key><string>Maya 2018 Core</string><string>9 GB</string>") << true << "-" << QStringList();
-        QTest::newRow("malformed keeps what came before") << QByteArray(doc("<key>physical_memory</key><string>8 GB</string><key>_name</key><string>Maya 2017 Core</string>")).replace("</array>", "</aray>") << false << "8" << QStringList{"2017"};
-        QTest::newRow("truncated") << xml.left(xml.indexOf("Security Update")) << false << "16" << QStringList{"2016"};
+        const QByteArray fixture = "cat '" + kFixture.toUtf8() + "'";
+        QFile captured(kFixture);
+        QVERIFY(captured.open(QIODevice::ReadOnly));
+        const QByteArray cut = QByteArray::number(captured.readAll().indexOf("Security Update"));
+        QTest::newRow("captured profile") << fixture << true << "16" << QStringList{"2016", "2017", "2016.5"};
+        QTest::newRow("lower-case gb") << printing("<key>physical_memory</key><string>8 gb</string>") << true << "8" << QStringList();
+        QTest::newRow("memory in MB is not read") << printing("<key>physical_memory</key><string>8192 MB</string>") << true << "-" << QStringList();
+        QTest::newRow("Maya without core") << printing("<key>_name</key><string>Maya 2018</string>") << true << "-" << QStringList();
+        QTest::newRow("Maya core without digits") << printing("<key>_name</key><string>MAYA CORE</string>") << true << "-" << QStringList{""};
+        QTest::newRow("value of another key") << printing("<key>other</key><string>Maya 2018 Core</string><string>9 GB</string>") << true << "-" << QStringList();
+        QTest::newRow("complete document, failed status") << fixture + "; exit 1" << true << "16" << QStringList{"2016", "2017", "2016.5"};
+        QTest::newRow("malformed keeps what came before") << printing("<key>physical_memory</key><string>8 GB</string><key>_name</key><string>Maya 2017 Core</string></aray>") << false << "8" << QStringList{"2017"};
+        QTest::newRow("truncated") << "head -c " + cut + " '" + kFixture.toUtf8() + "'" << false << "16" << QStringList{"2016"};
+        QTest::newRow("prints nothing") << QByteArray("exit 0") << false << "-" << QStringList();
+        QTest::newRow("fails silently") << QByteArray("exit 3") << false << "-" << QStringList();
+        QTest::newRow("stalls in the middle") << QByteArray("printf '<plist><array>'; exec sleep 60") << false << "-" << QStringList();
+        QTest::newRow("missing") << QByteArray() << false << "-" << QStringList();
     }
 
     // The profile's facts, and the product walk going on whatever the
     // profiler did.
     void profile()
     {
-        QFETCH(QByteArray, document);
+        QFETCH(QByteArray, profiler);
         QFETCH(bool, parsed);
         QFETCH(QString, memory);
         QFETCH(QStringList, mayas);
-        runProfileCase([&] { useProfile(document); }, parsed, memory, mayas);
-    }
+        ProductTree(productRoot).banner(QStringLiteral("VCS-control/") + kServer, QStringLiteral("22.1"), QStringLiteral("1"));
+        useProfiler(profiler);
 
-    void profilerFaults_data()
-    {
-        QTest::addColumn<QByteArray>("commands");
-        QTest::newRow("prints nothing") << QByteArray("exit 0");
-        QTest::newRow("fails silently") << QByteArray("exit 3");
-        QTest::newRow("stalls in the middle") << QByteArray("printf '<plist><array>'; exec sleep 60");
-        QTest::newRow("missing") << QByteArray();
-    }
-
-    void profilerFaults()
-    {
-        QFETCH(QByteArray, commands);
-        runProfileCase([&] {
-            useProfiler(commands);
-            if (commands.isEmpty())
-                qputenv("VLUM_SYSTEM_PROFILER", scratch.filePath(QStringLiteral("no-such-profiler")).toLocal8Bit());
-        }, false, QStringLiteral("-"), QStringList());
+        QStringList expected;
+        for (const QString& maya : mayas)
+            expected << QStringLiteral("Maya|%1|||").arg(maya);
+        QCOMPARE(survey(parsed), expected << QStringLiteral("Velluma CoreServer 22.1|22.1|1||~/VCS-control"));
+        QString value = QStringLiteral("-");
+        assay->FindMachineProperty(DlrAttrMemory, value);
+        QCOMPARE(value, memory);
+        int gigabytes = -1;
+        QCOMPARE(assay->FindMachineProperty(DlrAttrMemory, gigabytes), memory != QLatin1String("-"));
+        QVERIFY(assay->FindMachineProperty(DlrAttrOS, value) && value == QLatin1String("osx"));
+        QVERIFY(!assay->FindMachineProperty(DlrAttrCannotInstallReason, value));
     }
 
     // The bundle's own profiler, found where the platform layer says, on
@@ -176,7 +151,6 @@ private slots:
             maya.folder(QLatin1String(name));
         maya.file(QStringLiteral("maya2017"), "not a folder");
         qputenv("VLUM_MAYA_ROOT", maya.root.toLocal8Bit());
-        QTest::ignoreMessage(QtDebugMsg, QRegularExpression(QStringLiteral("^Got system profile")));
         QCOMPARE(survey(), (QStringList{"Maya|2016.5|||", "Maya|2018|||"}));
 
         QFile meminfo(QStringLiteral("/proc/meminfo"));
@@ -188,7 +162,6 @@ private slots:
 
         // No Maya at all is still a complete document.
         qputenv("VLUM_MAYA_ROOT", scratch.filePath(QStringLiteral("nothing-here")).toLocal8Bit());
-        QTest::ignoreMessage(QtDebugMsg, QRegularExpression(QStringLiteral("^Got system profile")));
         QCOMPARE(survey(), QStringList());
         qunsetenv("VLUM_MAYA_ROOT");
     }
@@ -201,11 +174,13 @@ private slots:
         const QString server = QStringLiteral("VellumaCoreServer-21.7/") + kServer;
         QTest::newRow("server banner") << Build([=](ProductTree& t) { t.banner(server, "21.7b3", "123456"); })
                                        << QStringList{"Velluma CoreServer 21.7|21.7|123456||~/VellumaCoreServer-21.7"};
-        QTest::newRow("banner on standard output") << Build([=](ProductTree& t) { t.script(server, "echo 'Velluma 21.7 linked @5'"); }) << QStringList();
-        QTest::newRow("probe hangs") << Build([=](ProductTree& t) { t.script(server, "exec sleep 30"); }) << QStringList();
-        QTest::newRow("probe crashes") << Build([=](ProductTree& t) { t.script(server, "kill -SEGV $$"); }) << QStringList();
-        QTest::newRow("probe prints garbage") << Build([=](ProductTree& t) { t.script(server, "printf '\\377\\0Velluma 21.7 linked @5' >&2"); }) << QStringList();
-        QTest::newRow("build id too long") << Build([=](ProductTree& t) { t.banner(server, "21.7", "99999999999"); }) << QStringList();
+        QTest::newRow("faulty probes") << Build([](ProductTree& t) {
+            t.script("VCS-stdout/" + kServer, "echo 'Velluma 21.7 linked @5'");
+            t.script("VCS-hangs/" + kServer, "exec sleep 30");
+            t.script("VCS-crashes/" + kServer, "kill -SEGV $$");
+            t.script("VCS-garbage/" + kServer, "printf '\\377\\0Velluma 21.7 linked @5' >&2");
+            t.banner("VCS-long-id/" + kServer, "21.7", "99999999999");
+        }) << QStringList();
         QTest::newRow("21.10 reads as 21.1") << Build([=](ProductTree& t) { t.banner(server, "21.10", "7"); })
                                              << QStringList{"Velluma CoreServer 21.1|21.1|7||~/VellumaCoreServer-21.7"};
         QTest::newRow("18 series never, 19 series") << Build([](ProductTree& t) {
@@ -228,8 +203,11 @@ private slots:
         const QString workshop = QStringLiteral("VellumaWorkshop-21.7-maya2017");
         QTest::newRow("workshop") << Build([=](ProductTree& t) { t.plugin(workshop); t.banner(workshop + "/" + kWorkshop, "21.7", "77"); })
                                   << QStringList{"Velluma Workshop 21.7 for Maya 2017|21.7|77|2017|~/" + workshop};
-        QTest::newRow("workshop without plug-in") << Build([=](ProductTree& t) { t.banner(workshop + "/" + kWorkshop, "21.7", "77"); }) << QStringList();
-        QTest::newRow("workshop without Maya year") << Build([](ProductTree& t) { t.plugin("VWS-21.7"); t.banner("VWS-21.7/" + kWorkshop, "21.7", "77"); }) << QStringList();
+        QTest::newRow("workshop without plug-in or Maya year") << Build([=](ProductTree& t) {
+            t.banner(workshop + "/" + kWorkshop, "21.7", "77");
+            t.plugin("VWS-21.7");
+            t.banner("VWS-21.7/" + kWorkshop, "21.7", "77");
+        }) << QStringList();
 
         const QString forMaya = QStringLiteral("VellumaForMaya-21.7-maya2016.5");
         QTest::newRow("for Maya, build-id file first") << Build([=](ProductTree& t) {
@@ -239,15 +217,15 @@ private slots:
         }) << QStringList{"Velluma 21.7 for Maya 2016.5|21.7|4321|2016.5|~/" + forMaya};
         QTest::newRow("for Maya, queue banner") << Build([=](ProductTree& t) { t.plugin(forMaya); t.banner(forMaya + "/" + kQueue, "21.6", "99"); })
                                                 << QStringList{"Velluma 21.6 for Maya 2016.5|21.6|99|2016.5|~/" + forMaya};
-        QTest::newRow("for Maya, binary and unreadable id files") << Build([](ProductTree& t) {
-            for (const char* name : {"VFM-a-2017", "VFM-b-2017", "VFM-c-2017"})
+        QTest::newRow("for Maya without id, plug-in or Maya year") << Build([=](ProductTree& t) {
+            for (const char* name : {"VFM-a-2017", "VFM-b-2017", "VFM-c-2017", "VFM-21.7"})
                 t.plugin(QLatin1String(name));
             t.file("VFM-a-2017/" + kIdFile, QByteArray("\0Velluma 21.7 @5", 16));
             t.folder("VFM-b-2017/" + kIdFile);
             mkfifo(QFile::encodeName(t.path("VFM-c-2017/" + kIdFile)).constData(), 0644);
+            t.file("VFM-21.7/" + kIdFile, "Velluma 21.7 @5");
+            t.file(forMaya + "/" + kIdFile, "Velluma 21.7 @5");
         }) << QStringList();
-        QTest::newRow("for Maya without Maya year") << Build([](ProductTree& t) { t.plugin("VFM-21.7"); t.file("VFM-21.7/" + kIdFile, "Velluma 21.7 @5"); }) << QStringList();
-        QTest::newRow("for Maya without plug-in") << Build([=](ProductTree& t) { t.file(forMaya + "/" + kIdFile, "Velluma 21.7 @5"); }) << QStringList();
 
         const QString noId = QStringLiteral("VellumaForMaya-21.0-maya2016");
         QTest::newRow("no id takes the highest server build") << Build([=](ProductTree& t) {
@@ -288,7 +266,7 @@ private slots:
             {"21.7", "911"}, {"21.7", "977"}, {"21.6", "980"}, {"22.0", "600"}, {"22.0", "600"}, {"23.0", "0"}};
         for (int i = 0; i < servers.size(); ++i)
             tree.banner(QStringLiteral("VCS-%1/").arg(i) + kServer, servers[i].first, servers[i].second);
-        useProfile(fixture());
+        useProfiler("cat '" + kFixture.toUtf8() + "'");
         const int count = survey().size();
         QCOMPARE(survey().size(), count); // a second survey replaces the first
 
@@ -301,17 +279,15 @@ private slots:
         assay->GetProducts(QStringLiteral("maya"), mayas);
         QVERIFY(mayas.isEmpty());
 
-        const auto highest = [&](const QString& pattern, const QString& version) {
-            AssayedProduct best{{QStringLiteral("BuildId"), QStringLiteral("untouched")}};
-            const bool found = assay->FindHighestBuildOfProduct(pattern, version, best);
-            return found == (best.value(QStringLiteral("BuildId")) != QLatin1String("untouched"))
-                ? best.value(QStringLiteral("Version")) + QLatin1Char('@') + best.value(QStringLiteral("BuildId"))
-                : QStringLiteral("out-parameter and result disagree");
+        const auto highest = [&](const QString& version) {
+            AssayedProduct best{{QStringLiteral("Version"), QStringLiteral("untouched")}};
+            assay->FindHighestBuildOfProduct(QStringLiteral("Velluma CoreServer"), version, best);
+            return best.value(QStringLiteral("Version")) + QLatin1Char('@') + best.value(QStringLiteral("BuildId"));
         };
-        QCOMPARE(highest(QStringLiteral("Velluma CoreServer"), QStringLiteral("21.7")), QStringLiteral("21.7@977"));
-        QCOMPARE(highest(QStringLiteral("Velluma CoreServer"), QString()), QStringLiteral("21.6@980"));
-        QCOMPARE(highest(QStringLiteral("CoreServer 2[23]"), QStringLiteral("23.0")), QStringLiteral("@untouched"));
-        QCOMPARE(highest(QStringLiteral("^CoreServer"), QString()), QStringLiteral("@untouched"));
+        QCOMPARE(highest(QStringLiteral("21.7")), QStringLiteral("21.7@977"));
+        QCOMPARE(highest(QString()), QStringLiteral("21.6@980"));
+        QCOMPARE(highest(QStringLiteral("23.0")), QStringLiteral("untouched@")); // build 0 never wins
+        QCOMPARE(highest(QStringLiteral("21")), QStringLiteral("untouched@"));   // versions compare whole
         // Between equal builds the first found wins.
         const QList<AssayedProduct> ties = assay->FindAssayedProductByVersion(QStringLiteral("CoreServer"), QStringLiteral("^22\\.0$"));
         QCOMPARE(ties.size(), 2);
@@ -329,6 +305,7 @@ private slots:
         const qint64 expected = df.readAllStandardOutput().split('\n').value(1).trimmed().toLongLong();
         QVERIFY(expected > 0);
         const qint64 available = DlrMachineAssay::GetAvailableDisk(QDir(scratch.path()));
+        QVERIFY(available > 0);
         // Other programs write to the same disk meanwhile.
         QVERIFY2(std::llabs(available - expected) < (qint64(64) << 20), qPrintable(QString::number(available)));
 
