@@ -2,6 +2,7 @@
 
 #include "DlrConstants.h"
 #include "DlrLog.h"
+#include "DlrMachineAssay.h"
 #include "DlrMainWindow.h"
 
 #include <QFile>
@@ -43,6 +44,12 @@ bool DlrApp::Start()
     mainWindow->show();
     mainWindow->raise();
     return false;
+}
+
+void DlrApp::DoAssay()
+{
+    assay = DlrMachineAssay::Singleton();
+    assay->DoAssay();
 }
 
 QString DlrApp::resourcePath(const char* folder, const char* name) const

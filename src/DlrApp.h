@@ -43,6 +43,9 @@ public:
 
     QUrl GetURL(DlrLocation location) const;
 
+    // Surveys the machine (blocking) and keeps the survey in `assay`.
+    void DoAssay();
+
     // Images and the style sheet are files in the bundle's Resources folder;
     // a missing file gives a null pixmap, an empty icon or the default look.
     QIcon LoadIconResource(const char* name) const;

@@ -1,0 +1,138 @@
+// Survey benchmark: the whole machine survey (the bundle's system profiler,
+// then the product walk) over a product root of N folders of mixed families,
+// each version probe a real shell script.
+//
+//     bench_assay [folders=200] [runs=5]
+//
+// Times an empty root first (the profiler alone), then the full root, and
+// prints every run, the median and the cost per folder. Exits 1 when the
+// survey does not find every product, 0 otherwise whatever the figures.
+
+#include "../tests/support/ProductTree.h"
+
+#include "DlrApp.h"
+#include "DlrLog.h"
+#include "DlrMachineAssay.h"
+
+#include <QElapsedTimer>
+#include <QTemporaryDir>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+constexpr double kTargetMs = 2000.0;
+
+// One folder per family in turn; half the products for Maya carry a
+// build-id file, the other half are asked through their queue application.
+int buildTree(ProductTree& tree, int folders)
+{
+    int probes = 0;
+    for (int i = 0; i < folders; ++i) {
+        const QString version = QStringLiteral("2%1.%2").arg(1 + i % 3).arg(i % 10);
+        const QString id = QString::number(1000 + i);
+        switch (i % 3) {
+        case 0:
+            tree.banner(QStringLiteral("VellumaCoreServer-%1/bin/vlrender").arg(i), version, id);
+            ++probes;
+            break;
+        case 1: {
+            const QString folder = QStringLiteral("VellumaWorkshop-%1-maya2018").arg(i);
+            tree.plugin(folder);
+            tree.banner(folder + QStringLiteral("/vlumtree/bin/vlrender"), version, id);
+            ++probes;
+            break;
+        }
+        default: {
+            const QString folder = QStringLiteral("VellumaForMaya-%1-maya2017").arg(i);
+            tree.plugin(folder);
+            if (i % 2) {
+                tree.file(folder + QStringLiteral("/etc/buildid.txt"), "Velluma " + version.toUtf8() + " @" + id.toUtf8());
+            } else {
+                tree.banner(folder + QStringLiteral("/bin/HomeQueue.app/Contents/MacOS/HomeQueue"), version, id);
+                ++probes;
+            }
+        }
+        }
+    }
+    return probes;
+}
+
+struct Runs {
+    QList<double> ms;
+    double median() const
+    {
+        QList<double> sorted = ms;
+        std::sort(sorted.begin(), sorted.end());
+        const int n = sorted.size();
+        return n % 2 ? sorted[n / 2] : (sorted[n / 2 - 1] + sorted[n / 2]) / 2;
+    }
+};
+
+// One uncounted warm-up, then `count` timed surveys; the records of the
+// last one are returned through `found`.
+Runs time(DlrApp& app, int count, int& found)
+{
+    Runs runs;
+    for (int i = -1; i < count; ++i) {
+        QElapsedTimer clock;
+        clock.start();
+        app.DoAssay();
+        const double ms = clock.nsecsElapsed() / 1e6;
+        if (i >= 0)
+            runs.ms << ms;
+    }
+    found = app.assay->FindAssayedProductByVersion(QStringLiteral("^Velluma"), QString()).size();
+    return runs;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const int folders = argc > 1 ? std::atoi(argv[1]) : 200;
+    const int count = argc > 2 ? std::atoi(argv[2]) : 5;
+    if (folders < 1 || count < 1) {
+        std::fprintf(stderr, "usage: bench_assay [folders] [runs]\n");
+        return 2;
+    }
+
+    // A run must not depend on who starts it: no user settings, no
+    // developer trees, no debug lines, the bundle's own profiler.
+    QTemporaryDir scratch;
+    qputenv("HOME", scratch.path().toLocal8Bit());
+    qputenv("XDG_RUNTIME_DIR", scratch.path().toLocal8Bit());
+    qputenv("VLUM_PRODUCT_ROOT", scratch.filePath(QStringLiteral("Oktavo")).toLocal8Bit());
+    for (const char* name : {"VLUMTREE", "VWSTREE", "VLUM_SYSTEM_PROFILER", "VLUMINSTALLER_DEBUG_LOG"})
+        qunsetenv(name);
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+
+    int appArgc = 1;
+    DlrApp app(appArgc, argv);
+    DlrInitializeLogging();
+
+    ProductTree tree(scratch.filePath(QStringLiteral("Oktavo")));
+    tree.folder(QString());
+    int found = 0;
+    const Runs empty = time(app, count, found);
+    const int probes = buildTree(tree, folders);
+    const Runs full = time(app, count, found);
+
+    std::printf("run    empty root   %d folders\n", folders);
+    for (int i = 0; i < count; ++i)
+        std::printf("%-6d %10.1f %11.1f\n", i + 1, empty.ms[i], full.ms[i]);
+    std::printf("--------------------------------\n");
+    std::printf("median %10.1f %11.1f   ms\n\n", empty.median(), full.median());
+    std::printf("whole survey: median %.1f ms over %d folders (%d probes run); target < %.0f ms: %s\n",
+                full.median(), folders, probes, kTargetMs, full.median() < kTargetMs ? "meets" : "misses");
+    std::printf("cost per folder: %.2f ms (whole survey / folders), %.2f ms beyond the profiler alone\n",
+                full.median() / folders, (full.median() - empty.median()) / folders);
+    if (found != folders) {
+        std::fprintf(stderr, "bench_assay: found %d products of %d\n", found, folders);
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,384 @@
+// The survey: the system profiler's property list, the product folders with
+// their version banners and build-id files, and free disk space.
+
+#include "DlrMachineAssay.h"
+
+#include "DlrPlatform.h"
+#include "kelProfileHandler.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegExp>
+#include <QXmlSimpleReader>
+
+#if __has_include(<sys/statfs.h>)
+#include <sys/statfs.h>
+#else
+#include <sys/mount.h>
+#endif
+
+namespace {
+
+// A product executable gets this long to print its banner.
+constexpr int kProbeWaitMs = 1000;
+
+// The profiler prints its whole document once it has gathered the facts;
+// silence this long means it is stuck, and the survey goes on without it.
+constexpr int kProfilerSilenceMs = 15000;
+
+// After its document has been read the profiler has this long to exit.
+constexpr int kProfilerExitMs = 1000;
+
+// Feeds the parser from the profiler's standard output as it arrives. Qt's
+// own device source would wait for ever on a profiler that never closes its
+// output; this one gives up after kProfilerSilenceMs without data.
+class DlrProfilerInput : public QXmlInputSource
+{
+public:
+    explicit DlrProfilerInput(QProcess& process)
+        : profiler(process)
+    {
+    }
+
+    void fetchData() override
+    {
+        QByteArray bytes = profiler.read(4096);
+        while (bytes.isEmpty() && profiler.waitForReadyRead(kProfilerSilenceMs))
+            bytes = profiler.read(4096);
+        if (bytes.isEmpty() && profiler.state() != QProcess::NotRunning)
+            qDebug().noquote() << "system_profiler silent for" << kProfilerSilenceMs << "ms, reading stopped";
+        // Empty data ends the document.
+        setData(fromRawData(bytes));
+    }
+
+private:
+    QProcess& profiler;
+};
+
+// Text a tool wrote, up to the first NUL byte.
+QString textUpToNul(const QByteArray& bytes)
+{
+    const int nul = bytes.indexOf('\0');
+    return QString::fromUtf8(nul < 0 ? bytes : bytes.left(nul));
+}
+
+// Build id, major and minor number from a banner or build-id file. True
+// when any of them is missing or does not fit an int.
+bool readBuildAndVersion(const QString& text, const QString& buildIdPattern, int& buildId, int& major,
+                         int& minor, QString* suffix)
+{
+    QRegExp buildIdRx(buildIdPattern, Qt::CaseSensitive, QRegExp::RegExp);
+    if (buildIdRx.indexIn(text) < 0) {
+        qDebug().noquote() << "no build id in output" << text;
+        return true;
+    }
+    QRegExp versionRx(QStringLiteral("Velluma\\s([1-9][0-9])\\.([0-9])([\\S]+)?"), Qt::CaseSensitive,
+                      QRegExp::RegExp);
+    if (versionRx.indexIn(text) < 0) {
+        qDebug().noquote() << "no version in output" << text;
+        return true;
+    }
+    bool ok = false;
+    buildId = buildIdRx.cap(1).toInt(&ok, 10);
+    if (!ok)
+        return true;
+    major = versionRx.cap(1).toInt(&ok, 10);
+    if (!ok)
+        return true;
+    minor = versionRx.cap(2).toInt(&ok, 10);
+    if (!ok)
+        return true;
+    if (suffix)
+        *suffix = versionRx.cap(3);
+    return false;
+}
+
+} // namespace
+
+kelProfileHandler::kelProfileHandler(QList<AssayedProduct>& products, QHash<DlrAttrNames, QString>& properties)
+    : products(products)
+    , properties(properties)
+{
+}
+
+kelProfileHandler::~kelProfileHandler() = default;
+
+bool kelProfileHandler::startElement(const QString& namespaceURI, const QString& localName, const QString& qName,
+                                     const QXmlAttributes& attributes)
+{
+    Q_UNUSED(namespaceURI)
+    Q_UNUSED(qName)
+    Q_UNUSED(attributes)
+
+    // A "string" after a key of ours is that key's value element.
+    const bool pendingValue = (state == MemoryValue || state == ItemName) && localName == QLatin1String("string");
+    if (localName == QLatin1String("key"))
+        state = KeyOpened;
+    else if (!pendingValue)
+        state = Idle;
+    return true;
+}
+
+bool kelProfileHandler::characters(const QString& text)
+{
+    QString t = text.trimmed();
+    // The reader also reports the blanks between tags.
+    if (t.isEmpty())
+        return true;
+
+    switch (state) {
+    case KeyOpened:
+        if (t == QLatin1String("physical_memory"))
+            state = MemoryValue;
+        else if (t == QLatin1String("_name"))
+            state = ItemName;
+        break;
+    case MemoryValue:
+        if (t.contains(QLatin1String(" GB"), Qt::CaseInsensitive))
+            properties.insert(DlrAttrMemory, t.remove(QLatin1String(" GB"), Qt::CaseInsensitive));
+        state = Idle;
+        break;
+    case ItemName:
+        // Install-history items read like "Maya 2017 Core"; only what is
+        // not a letter, blank or underscore is the version.
+        if (t.contains(QLatin1String("maya"), Qt::CaseInsensitive)
+            && t.contains(QLatin1String("core"), Qt::CaseInsensitive)) {
+            AssayedProduct maya;
+            maya.insert(QStringLiteral("Version"), t.remove(QRegExp(QStringLiteral("[a-zA-Z _]"))));
+            maya.insert(QStringLiteral("ProductName"), QStringLiteral("Maya"));
+            products << maya;
+        }
+        state = Idle;
+        break;
+    default:
+        break;
+    }
+    return true;
+}
+
+bool kelProfileHandler::fatalError(const QXmlParseException& exception)
+{
+    Q_UNUSED(exception)
+    qDebug() << "Failed to parse system_profiler output";
+    return true;
+}
+
+void DlrMachineAssay::DoAssay()
+{
+    properties.clear();
+    products.clear();
+    properties.insert(DlrAttrOS, QStringLiteral("osx"));
+
+    {
+        kelProfileHandler handler(products, properties);
+        QXmlSimpleReader reader;
+        reader.setContentHandler(&handler);
+        reader.setErrorHandler(&handler);
+
+        const QString program = DlrPlatform::SystemProfilerProgram();
+        const QStringList arguments{QStringLiteral("-xml"), QStringLiteral("SPHardwareDataType"),
+                                    QStringLiteral("SPInstallHistoryDataType")};
+        QProcess profiler;
+        qDebug().noquote() << "running" << program << arguments.join(QLatin1Char(' '));
+        profiler.start(program, arguments, QIODevice::ReadOnly);
+
+        bool parsed = false;
+        if (profiler.waitForStarted()) {
+            DlrProfilerInput input(profiler);
+            parsed = reader.parse(&input);
+        } else {
+            qDebug().noquote() << "system_profiler did not start:" << profiler.errorString();
+        }
+        if (parsed)
+            qDebug() << "Got system profile" << properties << products;
+        else
+            qDebug() << "Couldn't read system_profiler output";
+
+        if (profiler.state() != QProcess::NotRunning && !profiler.waitForFinished(kProfilerExitMs)) {
+            profiler.kill();
+            profiler.waitForFinished();
+        } else if (profiler.exitStatus() != QProcess::NormalExit || profiler.exitCode() != 0) {
+            qDebug().noquote() << "system_profiler ended with status" << profiler.exitCode();
+        }
+    }
+
+    findOktavoProducts();
+}
+
+void DlrMachineAssay::findOktavoProducts()
+{
+    const QRegExp serverRx(QStringLiteral("[Vv]elluma.*[sS]erver|VCS"), Qt::CaseSensitive, QRegExp::RegExp);
+    const QRegExp workshopRx(QStringLiteral("[Vv]elluma.*[wW]orkshop|VWS"), Qt::CaseSensitive, QRegExp::RegExp);
+    const QRegExp forMayaRx(QStringLiteral("[Vv]elluma.*[fF]or[Mm]aya|VFM"), Qt::CaseSensitive, QRegExp::RegExp);
+    QRegExp mayaRx(QStringLiteral("(201[1-9]\\.?[0-9]?)"), Qt::CaseSensitive, QRegExp::RegExp);
+    QRegExp noIdRx(QStringLiteral("VellumaForMaya-21.([0-2])"), Qt::CaseSensitive, QRegExp::RegExp);
+    const QString separator = QDir::separator();
+
+    // Filled by whichever reader succeeded last; only read after a success.
+    int buildId = 0;
+    int major = 0;
+    int minor = 0;
+    QString suffix;
+    QList<AssayedProduct> noIdProducts;
+
+    for (const QString& location : qAsConst(possibleLocations)) {
+        qDebug().noquote() << "Looking for oktavo products in" << location;
+        const QDir root(location);
+        if (!root.exists())
+            continue;
+        const QStringList entries = root.entryList(QDir::Dirs, QDir::NoSort);
+        for (const QString& entry : entries) {
+            const QString folder = root.absolutePath() + separator + entry;
+            AssayedProduct product;
+            QString productName;
+            QString version;
+
+            if (serverRx.indexIn(entry) >= 0) {
+                qDebug().noquote() << entry << "matched" << serverRx.pattern();
+                if (getBuildIdFromExecutable(folder + separator + vlrenderPath, buildId, major, minor, suffix))
+                    continue;
+                version = QStringLiteral("%1.%2").arg(major).arg(minor);
+                productName = QStringLiteral("Velluma CoreServer %1").arg(version);
+            } else if (workshopRx.indexIn(entry) >= 0) {
+                qDebug().noquote() << entry << "matched" << workshopRx.pattern();
+                const QString plugin = folder + separator + mayaPluginPath;
+                const QString renderer = folder + separator + vwsVlrenderPath;
+                if (!QFileInfo::exists(plugin)) {
+                    qDebug().noquote() << "Not VWS for Maya, no" << plugin;
+                    continue;
+                }
+                if (mayaRx.indexIn(entry) < 0) {
+                    qDebug().noquote() << "No maya verion in VWS path" << renderer;
+                    continue;
+                }
+                const QString mayaVersion = mayaRx.cap(1);
+                if (getBuildIdFromExecutable(renderer, buildId, major, minor, suffix))
+                    continue;
+                version = QStringLiteral("%1.%2").arg(major).arg(minor);
+                productName = QStringLiteral("Velluma Workshop %1 for Maya %2").arg(version, mayaVersion);
+                product.insert(QStringLiteral("MayaVersion"), mayaVersion);
+            } else if (forMayaRx.indexIn(entry) >= 0) {
+                qDebug().noquote() << entry << "matched" << forMayaRx.pattern();
+                const QString plugin = folder + separator + mayaPluginPath;
+                const QString idFile = folder + separator + buildIdFilePath;
+                if (!QFileInfo::exists(plugin)) {
+                    qDebug().noquote() << "Not Velluma for Maya, no" << plugin;
+                    continue;
+                }
+                if (mayaRx.indexIn(entry) < 0) {
+                    qDebug().noquote() << "No maya verion in VFM path" << idFile;
+                    continue;
+                }
+                const QString mayaVersion = mayaRx.cap(1);
+                // The file is cheap to read; the queue application is only
+                // started when the file says nothing.
+                if (getBuildIdFromFile(idFile, buildId, major, minor)
+                    && getBuildIdFromExecutable(folder + separator + homeQueuePath, buildId, major, minor, suffix)) {
+                    // 21.0 to 21.2 shipped without a build id: they take the
+                    // build of the core server of their version, if any.
+                    if (noIdRx.indexIn(idFile) >= 0) {
+                        qDebug().noquote() << "Found 21.0 or 21.1 VfM with no id in" << idFile;
+                        const QString noIdVersion = QStringLiteral("21.%1").arg(noIdRx.cap(1));
+                        AssayedProduct noId;
+                        noId.insert(QStringLiteral("MayaVersion"), mayaVersion);
+                        noId.insert(QStringLiteral("ProductName"),
+                                    QStringLiteral("Velluma %1 for Maya %2").arg(noIdVersion, mayaVersion));
+                        noId.insert(QStringLiteral("Version"), noIdVersion);
+                        noId.insert(QStringLiteral("Location"), folder);
+                        noIdProducts << noId;
+                    }
+                    continue;
+                }
+                version = QStringLiteral("%1.%2").arg(major).arg(minor);
+                productName = QStringLiteral("Velluma %1 for Maya %2").arg(version, mayaVersion);
+                product.insert(QStringLiteral("MayaVersion"), mayaVersion);
+            } else {
+                continue;
+            }
+
+            // Nothing older than the 19 series is offered updates.
+            if (major <= 18)
+                continue;
+            product.insert(QStringLiteral("ProductName"), productName);
+            product.insert(QStringLiteral("BuildId"), QString::number(buildId));
+            product.insert(QStringLiteral("Version"), version);
+            product.insert(QStringLiteral("Location"), folder);
+            qDebug() << "Found" << product;
+            products << product;
+        }
+    }
+
+    // Core servers from every location are known now.
+    for (AssayedProduct& noId : noIdProducts) {
+        const QString noIdVersion = noId.value(QStringLiteral("Version"));
+        AssayedProduct server;
+        if (!FindHighestBuildOfProduct(QStringLiteral("Velluma CoreServer"), noIdVersion, server))
+            continue;
+        noId.insert(QStringLiteral("BuildId"), server.value(QStringLiteral("BuildId")));
+        products << noId;
+        qDebug().noquote() << "Found VCS for noid version" << noIdVersion;
+        qDebug() << "Found" << noId;
+    }
+}
+
+bool DlrMachineAssay::getBuildIdFromFile(const QString& path, int& buildId, int& major, int& minor)
+{
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        qDebug().noquote() << "getBuildIdFromFile given non-existing path" << path;
+        return true;
+    }
+    qDebug().noquote() << "getting version info from" << path;
+    QFile file(path);
+    // A folder, pipe or device is no build-id file (opening a pipe would
+    // wait for a writer).
+    if (!info.isFile() || !file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        qDebug() << "getBuildIdFromFile couldn't open file";
+        return true;
+    }
+    const QByteArray bytes = file.readAll();
+    file.close();
+    return readBuildAndVersion(textUpToNul(bytes), QStringLiteral("@([0-9]+)"), buildId, major, minor, nullptr);
+}
+
+bool DlrMachineAssay::getBuildIdFromExecutable(const QString& path, int& buildId, int& major, int& minor,
+                                               QString& suffix)
+{
+    if (!QFileInfo::exists(path)) {
+        qDebug().noquote() << "getBuildId given non-existing path" << path;
+        return true;
+    }
+    qDebug().noquote() << "getting version info from" << path;
+
+    QProcess probe;
+    // The banner is on standard error; whatever goes to standard output is
+    // not wanted and must not pile up in memory.
+    probe.setStandardOutputFile(QProcess::nullDevice());
+    probe.start(path, {QStringLiteral("-version")}, QIODevice::ReadWrite);
+    if (!probe.waitForFinished(kProbeWaitMs)) {
+        qDebug().noquote() << "Wait failed on process" << path;
+        if (probe.state() != QProcess::NotRunning) {
+            probe.kill();
+            probe.waitForFinished();
+        }
+        return true;
+    }
+    return readBuildAndVersion(textUpToNul(probe.readAllStandardError()), QStringLiteral("linked.*@([0-9]+)"),
+                               buildId, major, minor, &suffix);
+}
+
+qint64 DlrMachineAssay::GetAvailableDisk(const QDir& folder)
+{
+    const QByteArray path = folder.path().toLocal8Bit();
+    struct statfs fs;
+    if (statfs(path.constData(), &fs) != 0) {
+        qDebug().noquote() << "statfs failed on" << folder.path();
+        return 0;
+    }
+    // Blocks kept for the superuser are of no use to the download.
+    const qint64 available = qint64(fs.f_bsize) * qint64(fs.f_bavail);
+    qDebug().noquote() << "Bytes avail on" << folder.path() << available;
+    return available;
+}

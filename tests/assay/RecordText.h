@@ -1,0 +1,15 @@
+#pragma once
+
+#include "DlrMachineAssay.h"
+
+#include <QStringList>
+
+// One assayed record as a line, for comparing whole records at once:
+// name|version|build id|Maya version|location.
+inline QString recordText(const AssayedProduct& product)
+{
+    QStringList fields;
+    for (const char* key : {"ProductName", "Version", "BuildId", "MayaVersion", "Location"})
+        fields << product.value(QLatin1String(key));
+    return fields.join(QLatin1Char('|'));
+}
