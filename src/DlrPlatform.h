@@ -25,6 +25,13 @@ public:
     // Where the privileged helper listens (VLUM_HELPER_SOCKET overrides it).
     static QString HelperSocketPath();
 
+    // The privileged helper program shipped in the bundle.
+    static QString HelperProgram();
+
+    // The program that installs the helper as a system service, run with
+    // administrator rights; empty where the system installs it itself.
+    static QString HelperInstallProgram();
+
     // The folder of the bundle's helper programs.
     static QString LibexecDir();
 };

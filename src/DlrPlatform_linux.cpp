@@ -43,3 +43,13 @@ QString DlrPlatform::HelperSocketPath()
 {
     return fromEnvironment("VLUM_HELPER_SOCKET", QStringLiteral("/run/") + HelperLabel() + QStringLiteral(".sock"));
 }
+
+QString DlrPlatform::HelperProgram()
+{
+    return LibexecDir() + QStringLiteral("/velluma-installer-helper");
+}
+
+QString DlrPlatform::HelperInstallProgram()
+{
+    return LibexecDir() + QStringLiteral("/install-helper");
+}

@@ -43,3 +43,14 @@ QString DlrPlatform::HelperSocketPath()
     // On macOS the helper is reached by its Mach service name, not a path.
     return HelperLabel();
 }
+
+QString DlrPlatform::HelperProgram()
+{
+    return LibexecDir() + QStringLiteral("/") + HelperLabel();
+}
+
+QString DlrPlatform::HelperInstallProgram()
+{
+    // The service manager copies and registers the helper itself.
+    return QString();
+}

@@ -1,0 +1,227 @@
+#include "DlrHelperRequests.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr qint64 kApiVersion = 1;
+constexpr const char kBuildVersion[] = "velluma-installer-helper " VLUM_VERSION;
+
+enum { VersionRequest = 66001, OpenFileRequest = 66002, ExecuteRequest = 66003 };
+
+QByteArray resolved(const QByteArray& path)
+{
+    char buffer[PATH_MAX];
+    return ::realpath(path.constData(), buffer) ? QByteArray(buffer) : QByteArray();
+}
+
+bool isBelow(const QByteArray& path, const QByteArray& folder)
+{
+    if (folder == "/")
+        return true;
+    return path == folder || path.startsWith(folder + '/');
+}
+
+DlrdMessage refused(const QString& why)
+{
+    syslog(LOG_NOTICE, "refused to run: %s", why.toLocal8Bit().constData());
+    DlrdMessage reply;
+    reply.SetInt64("childpid", -1);
+    reply.SetString("execerror", why.toUtf8());
+    return reply;
+}
+
+// In the child, between fork and exec: only calls that are safe there.
+[[noreturn]] void runChild(const char* program, char* const* argv, int output, int status)
+{
+    const int devnull = ::open("/dev/null", O_RDONLY);
+    if (devnull < 0 || ::dup2(devnull, 0) < 0 || ::dup2(output, 1) < 0 || ::dup2(output, 2) < 0) {
+        const int error = errno;
+        (void)!::write(status, &error, sizeof error);
+        ::_exit(127);
+    }
+    // Nothing of the helper's (sockets of other clients) leaks into the
+    // child; the status pipe closes itself at exec.
+    for (int fd = 3; fd < 1024; ++fd)
+        if (fd != status)
+            ::close(fd);
+    ::signal(SIGPIPE, SIG_DFL);
+    ::signal(SIGCHLD, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::setsid();
+    ::execv(program, argv);
+    const int error = errno;
+    (void)!::write(status, &error, sizeof error);
+    ::_exit(127);
+}
+
+} // namespace
+
+bool DlrHelperRequests::Answer(const DlrdMessage& request, DlrdMessage& reply, QString& why) const
+{
+    if (!request.Has("message", DlrdMessage::Int64Kind)) {
+        why = QStringLiteral("no integer \"message\"");
+        return false;
+    }
+    switch (request.Int64("message")) {
+    case VersionRequest:
+        reply = version();
+        return true;
+    case OpenFileRequest:
+        if (!request.Has("filepath", DlrdMessage::StringKind) || !request.Has("fileoflag", DlrdMessage::Int64Kind)
+            || !request.Has("filemode", DlrdMessage::Int64Kind)) {
+            why = QStringLiteral("open request without path, flags or mode");
+            return false;
+        }
+        reply = openFile(*request.String("filepath"), request.Int64("fileoflag"), request.Int64("filemode"));
+        return true;
+    case ExecuteRequest:
+        if (!request.Has("argv", DlrdMessage::StringArrayKind)) {
+            why = QStringLiteral("execute request without argument vector");
+            return false;
+        }
+        reply = execute(request.StringArray("argv"));
+        return true;
+    default:
+        why = QStringLiteral("unknown request %1").arg(request.Int64("message"));
+        return false;
+    }
+}
+
+DlrdMessage DlrHelperRequests::version() const
+{
+    DlrdMessage reply;
+    reply.SetInt64("apiversion", kApiVersion);
+    reply.SetString("buildversion", kBuildVersion);
+    return reply;
+}
+
+QByteArray DlrHelperRequests::allowedPath(const QByteArray& path, QString& why) const
+{
+    if (!path.startsWith('/')) {
+        why = QStringLiteral("not an absolute path");
+        return QByteArray();
+    }
+    const int slash = path.lastIndexOf('/');
+    const QByteArray name = path.mid(slash + 1);
+    if (name.isEmpty() || name == "." || name == "..") {
+        why = QStringLiteral("not a file name");
+        return QByteArray();
+    }
+    // The folder is resolved, links and all; the name itself is opened
+    // without following a link, so neither can lead elsewhere.
+    const QByteArray folder = resolved(slash == 0 ? QByteArray("/") : path.left(slash));
+    if (folder.isEmpty()) {
+        why = QString::fromLocal8Bit(std::strerror(errno));
+        return QByteArray();
+    }
+    for (const QByteArray& allowed : options.allowedFolders)
+        if (isBelow(folder, allowed))
+            return (folder == "/" ? QByteArray() : folder) + '/' + name;
+    why = QStringLiteral("outside the allowed folders");
+    return QByteArray();
+}
+
+DlrdMessage DlrHelperRequests::openFile(const QByteArray& path, qint64 oflag, qint64 mode) const
+{
+    DlrdMessage reply;
+    QString why;
+    const QByteArray target = allowedPath(path, why);
+    if (oflag < INT_MIN || oflag > INT_MAX || (oflag & O_PATH)) {
+        why = QStringLiteral("bad open flags");
+    } else if (!target.isEmpty()) {
+        const int fd = ::open(target.constData(), int(oflag) | O_NOFOLLOW | O_CLOEXEC, mode_t(mode & 07777));
+        if (fd >= 0) {
+            reply.SetDescriptor("fd", fd);
+            ::close(fd);
+            return reply;
+        }
+        why = QString::fromLocal8Bit(std::strerror(errno));
+    }
+    syslog(LOG_NOTICE, "refused to open %s: %s", path.constData(), why.toLocal8Bit().constData());
+    reply.SetString("fileopenerror", why.toUtf8());
+    return reply;
+}
+
+QString DlrHelperRequests::refusal(const QList<QByteArray>& argv) const
+{
+    static const QList<QByteArray> shape{"-verboseR", "-target", "/", "-package"};
+    if (argv.size() != shape.size() + 2)
+        return QStringLiteral("only the package installer runs, with -verboseR -target / -package <file>.pkg");
+    if (resolved(argv.first()) != options.installer)
+        return QStringLiteral("not the package installer: %1").arg(QString::fromUtf8(argv.first()));
+    if (argv.mid(1, shape.size()) != shape)
+        return QStringLiteral("arguments must be -verboseR -target / -package <file>.pkg");
+    const QByteArray& package = argv.last();
+    if (!package.endsWith(".pkg") || package.startsWith('-'))
+        return QStringLiteral("not a package file: %1").arg(QString::fromUtf8(package));
+    return QString();
+}
+
+DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv) const
+{
+    const QString why = refusal(argv);
+    if (!why.isEmpty())
+        return refused(why);
+
+    int output[2];
+    int status[2];
+    if (::pipe2(output, O_CLOEXEC) != 0)
+        return refused(QString::fromLocal8Bit(std::strerror(errno)));
+    if (::pipe2(status, O_CLOEXEC) != 0) {
+        const int error = errno;
+        ::close(output[0]);
+        ::close(output[1]);
+        return refused(QString::fromLocal8Bit(std::strerror(error)));
+    }
+
+    // Built before fork: the child must not allocate.
+    std::vector<QByteArray> storage(argv.begin(), argv.end());
+    std::vector<char*> args;
+    for (QByteArray& arg : storage)
+        args.push_back(arg.data());
+    args.push_back(nullptr);
+
+    const pid_t pid = ::fork();
+    if (pid == 0)
+        runChild(options.installer.constData(), args.data(), output[1], status[1]);
+    const int forkError = errno;
+    ::close(output[1]);
+    ::close(status[1]);
+    if (pid < 0) {
+        ::close(output[0]);
+        ::close(status[0]);
+        return refused(QString::fromLocal8Bit(std::strerror(forkError)));
+    }
+
+    // The status pipe reaches end-of-file at a successful exec; before that
+    // the child writes why it could not run.
+    int childError = 0;
+    ssize_t n;
+    do
+        n = ::read(status[0], &childError, sizeof childError);
+    while (n < 0 && errno == EINTR);
+    ::close(status[0]);
+    if (n > 0) {
+        ::close(output[0]);
+        return refused(QStringLiteral("could not run %1: %2")
+                           .arg(QString::fromUtf8(argv.first()), QString::fromLocal8Bit(std::strerror(childError))));
+    }
+
+    syslog(LOG_NOTICE, "running %s on %s as pid %d", options.installer.constData(), argv.last().constData(), int(pid));
+    DlrdMessage reply;
+    reply.SetInt64("childpid", pid);
+    reply.SetDescriptor("fd", output[0]);
+    ::close(output[0]);
+    return reply;
+}
