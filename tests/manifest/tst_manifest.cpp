@@ -5,7 +5,6 @@
 #include "DlrManifestHandler.h"
 
 #include <QRegExp>
-#include <QTemporaryFile>
 
 namespace {
 
@@ -170,27 +169,6 @@ private slots:
         QCOMPARE(DlrManifestElement::FindHighestVersionOfProduct(offers, tool), expected);
     }
 
-    void buildId_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("expected");
-        QTest::newRow("number") << "123" << 123;
-        QTest::newRow("empty") << "" << 0;
-        QTest::newRow("letters") << "abc" << 0;
-        QTest::newRow("beyond 32 bits") << "4294967296" << 0;
-    }
-
-    void buildId()
-    {
-        QFETCH(QString, text);
-        QFETCH(int, expected);
-        DlrManifestElement element;
-        element.BuildID = text;
-        int id = -1;
-        element.GetBuildId(id);
-        QCOMPARE(id, expected);
-    }
-
     // Copies share one file object, which goes with the last of them.
     void sharedDownloadFile()
     {
@@ -278,19 +256,6 @@ private slots:
         QCOMPARE(DlrManifestHandler::Parse(list, document), parsed);
         QCOMPARE(list.size(), offers);
         QCOMPARE(dlrApp()->successURL, before);
-    }
-
-    void readsFiles()
-    {
-        QTemporaryFile file;
-        QVERIFY(file.open());
-        file.write(kTwoOffers);
-        file.close();
-        QList<DlrManifestElement> list;
-        QVERIFY(DlrManifestHandler::ParseFile(list, file.fileName()));
-        QCOMPARE(list.size(), 2);
-        QVERIFY(!DlrManifestHandler::ParseFile(list, file.fileName() + QStringLiteral(".missing")));
-        QCOMPARE(list.size(), 2);
     }
 };
 
