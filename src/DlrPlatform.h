@@ -34,4 +34,8 @@ public:
 
     // The folder of the bundle's helper programs.
     static QString LibexecDir();
+
+private:
+    // The variable's value when it is set and not empty, else the fallback.
+    static QString fromEnvironment(const char* name, const QString& fallback);
 };

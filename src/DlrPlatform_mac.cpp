@@ -3,16 +3,6 @@
 #include <QCoreApplication>
 #include <QDir>
 
-namespace {
-
-QString fromEnvironment(const char* name, const QString& fallback)
-{
-    const QString value = qEnvironmentVariable(name);
-    return value.isEmpty() ? fallback : value;
-}
-
-} // namespace
-
 QString DlrPlatform::LibexecDir()
 {
     return QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../Library/LaunchServices"));
