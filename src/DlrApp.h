@@ -113,6 +113,7 @@ private:
     void replyFromManifestRequest(QNetworkReply* reply);
     void alternateManifest();
     void appendManifest();
+    void loadLocalManifest(const QString& path, const char* loading, const char* added);
     void finishedDownload(QNetworkReply* reply);
     void getDownloadBuffer();
     void dropDownloadFile(int manifestIndex, const QSharedPointer<QFile>& file);

@@ -148,24 +148,23 @@ void DlrApp::replyFromManifestRequest(QNetworkReply* reply)
 
 void DlrApp::alternateManifest()
 {
-    if (alternateManifestFile.isEmpty())
-        return;
-    qDebug() << "Loading alternate manifest" << alternateManifestFile;
-    if (DlrManifestHandler::ParseFile(manifest, alternateManifestFile))
-        qDebug() << "added alt manifest";
-    else
-        qDebug() << "failed to parse alt manifest";
+    loadLocalManifest(alternateManifestFile, "Loading alternate manifest", "added alt manifest");
 }
 
 void DlrApp::appendManifest()
 {
     if (appendManifestFile.isEmpty())
         appendManifestFile = qEnvironmentVariable("DLR_APPEND_MANIFEST_FILE");
-    if (appendManifestFile.isEmpty())
+    loadLocalManifest(appendManifestFile, "Appending alternate manifest", "appended alt manifest");
+}
+
+void DlrApp::loadLocalManifest(const QString& path, const char* loading, const char* added)
+{
+    if (path.isEmpty())
         return;
-    qDebug() << "Appending alternate manifest" << appendManifestFile;
-    if (DlrManifestHandler::ParseFile(manifest, appendManifestFile))
-        qDebug() << "appended alt manifest";
+    qDebug() << loading << path;
+    if (DlrManifestHandler::ParseFile(manifest, path))
+        qDebug() << added;
     else
         qDebug() << "failed to parse alt manifest";
 }
