@@ -48,7 +48,7 @@ public:
 
     static int FindHighestVersionOfProduct(const QList<DlrManifestElement>& offers, QRegExp& product);
 
-private:
-    // SimpleName when given, Name otherwise: every name test uses it.
+    // SimpleName when given, Name otherwise: every name test, version
+    // reading and list label uses it.
     const QString& matchName() const;
 };

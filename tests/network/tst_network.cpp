@@ -1,6 +1,7 @@
 // The manifest request and the TLS policy, against the real local vendor
 // server over HTTPS.
 
+#include "../support/DialogAnswerer.h"
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
 
@@ -22,34 +23,6 @@ const QByteArray kServerManifest = R"(<Manifest>
 )";
 
 const QByteArray kAppendedManifest = "<M><ProductInfo><Name>Appended-1.0.pkg</Name></ProductInfo></M>";
-
-// Answers the next message boxes the way a user would, and remembers what
-// they said.
-class DialogAnswerer : public QObject
-{
-public:
-    explicit DialogAnswerer(QMessageBox::StandardButton answer)
-        : answer(answer)
-    {
-        timer.setInterval(20);
-        QObject::connect(&timer, &QTimer::timeout, this, [this] {
-            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-            if (!box)
-                return;
-            texts << box->text();
-            informative << box->informativeText();
-            details << box->detailedText();
-            box->button(this->answer)->click();
-        });
-        timer.start();
-    }
-
-    QStringList texts, informative, details;
-
-private:
-    QMessageBox::StandardButton answer;
-    QTimer timer;
-};
 
 struct Outcome {
     bool valid = false;
