@@ -3,36 +3,14 @@
 // found (or not) by the real survey.
 
 #include "../assay/RecordText.h"
+#include "../support/ChildRun.h"
 #include "../support/TestMain.h"
 
 #include "DlrMachineAssay.h"
 
 #include <QDir>
 #include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
-
-namespace {
-
-// Exit status (-1 for a crash or a hang) and merged output.
-int run(const QString& program, const QStringList& arguments, const QString& installRoot, QByteArray& output)
-{
-    QProcess process;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("VLUM_INSTALL_ROOT"), installRoot);
-    process.setProcessEnvironment(env);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(program, arguments);
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-        return -1;
-    }
-    output = process.readAll();
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-}
-
-} // namespace
 
 class TestDemoCatalog : public QObject
 {
@@ -75,17 +53,18 @@ private slots:
     void installedProductsAreFound()
     {
         const QString catalog = work.filePath(QStringLiteral("catalog"));
-        QByteArray output;
-        QVERIFY2(run(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"), {catalog}, machine, output) == 0,
-                 output.constData());
+        const QStringList installRoot{QStringLiteral("VLUM_INSTALL_ROOT=") + machine};
+        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"), {catalog}, work.path());
+        QVERIFY2(made.exitStatus == QProcess::NormalExit && made.exitCode == 0, made.err.constData());
         const QDir packages(catalog + QStringLiteral("/packages"));
         const QStringList files = packages.entryList({QStringLiteral("*.pkg")}, QDir::Files);
         QVERIFY(!files.isEmpty());
         for (const QString& file : files) {
-            const int status = run(QStringLiteral(VLUM_LIBEXEC_DIR "/installer"),
-                                   {"-verboseR", "-target", "/", "-package", packages.filePath(file)}, machine, output);
-            QVERIFY2(status == 0 && output.endsWith("installer: The install was successful.\n"),
-                     qPrintable(file + QLatin1Char(' ') + QString::fromUtf8(output.right(300))));
+            const ChildRun installed = runChild(QStringLiteral(VLUM_LIBEXEC_DIR "/installer"),
+                                                {"-verboseR", "-target", "/", "-package", packages.filePath(file)},
+                                                work.path(), installRoot);
+            QVERIFY2(installed.exitCode == 0 && installed.out.endsWith("installer: The install was successful.\n"),
+                     qPrintable(file + QLatin1Char(' ') + QString::fromUtf8(installed.out.right(300))));
         }
 
         const QStringList found{
