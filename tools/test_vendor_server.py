@@ -4,6 +4,7 @@ import http.client, json, os, re, select, signal, socket, ssl, subprocess, sys, 
 import xml.etree.ElementTree as ET
 
 SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vendor-server")
+MAKE_DEMO_CATALOG = os.path.join(os.path.dirname(SERVER), "make-demo-catalog")
 READY = re.compile(r"READY port=(\d+) url=(https?)://127\.0\.0\.1:\1 ca=(\S+) log=(\S+)\n\Z")
 PACKAGE = os.urandom(300000)  # more than one send chunk
 TEMPLATE = (b"<Manifest><ProductInfo><Name>one.pkg</Name><DownloadURL>@BASE@/packages/one.pkg"
@@ -25,9 +26,9 @@ def setUpModule():
 
 
 class Server:
-    def __init__(self, *args):
+    def __init__(self, *args, catalog=None):
         self.stderr = tempfile.TemporaryFile()
-        self.proc = subprocess.Popen([SERVER, "--catalog", CATALOG.name, *args],
+        self.proc = subprocess.Popen([SERVER, "--catalog", catalog or CATALOG.name, *args],
                                      stdout=subprocess.PIPE, stderr=self.stderr, text=True)
         ready = select.select([self.proc.stdout], [], [], 30)[0]
         self.line = self.proc.stdout.readline() if ready else ""
@@ -185,3 +186,29 @@ class CommandLineSwitches(unittest.TestCase):
                     self.assertTrue(check(body), body[:200])
         finally:
             self.assertEqual(server.stop(), (0, ""))
+
+
+class DemoCatalog(unittest.TestCase):
+    def test_generated_catalog_serves_every_offer(self):
+        # An offer the wizard would hide (size 0), or whose size and address name different files.
+        with tempfile.TemporaryDirectory() as folder:
+            catalog = os.path.join(folder, "catalog")
+            subprocess.run([MAKE_DEMO_CATALOG, catalog], check=True, stdout=subprocess.DEVNULL)
+            server = Server("--tls", "chain", catalog=catalog)
+            try:
+                reply, body = fetch(server.connect(), "POST", "/forum/currentproducts.php",
+                                    *multipart([("platform", "osx"), ("username", "demo"), ("userpass", "velluma")]))
+                self.assertEqual(reply.getheader("Validation"), "Approved")
+                offers = ET.fromstring(body).findall("ProductInfo")
+                self.assertTrue(offers)
+                for offer in offers:
+                    with self.subTest(offer.findtext("Name")):
+                        size = int(offer.findtext("FileSize"))
+                        self.assertGreater(size, 0)
+                        url = offer.findtext("DownloadURL")
+                        prefix = "https://127.0.0.1:%d/packages/" % server.port
+                        self.assertTrue(url.startswith(prefix), url)
+                        reply, package = fetch(server.connect(), "GET", url[len(prefix) - len("/packages/"):])
+                        self.assertEqual((reply.status, len(package)), (200, size))
+            finally:
+                self.assertEqual(server.stop(), (0, ""))

@@ -1,0 +1,98 @@
+// The demo catalog's packages as the demo uses them: built by the real
+// catalog tool, installed by the real installer into a demo machine, then
+// found (or not) by the real survey.
+
+#include "../assay/RecordText.h"
+#include "../support/ChildRun.h"
+#include "../support/TestMain.h"
+
+#include "DlrMachineAssay.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+class TestDemoCatalog : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir work;
+    QString machine;
+    QString productRoot;
+
+    QStringList survey()
+    {
+        dlrApp()->DoAssay();
+        QStringList records;
+        for (const AssayedProduct& product : dlrApp()->assay->FindAssayedProductByVersion(QString(), QString()))
+            records << recordText(product).replace(productRoot, QStringLiteral("~"));
+        records.sort(); // folders come in file-system order
+        return records;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(work.isValid());
+        // The demo machine: one Maya 2018 and an empty product root. The
+        // survey reads its roots once per process, so they are set first.
+        machine = work.filePath(QStringLiteral("machine"));
+        productRoot = machine + QStringLiteral("/opt/Oktavo");
+        QVERIFY(QDir().mkpath(machine + QStringLiteral("/usr/autodesk/maya2018")) && QDir().mkpath(productRoot));
+        qputenv("VLUM_PRODUCT_ROOT", productRoot.toLocal8Bit());
+        qputenv("VLUM_MAYA_ROOT", QFile::encodeName(machine + QStringLiteral("/usr/autodesk")));
+        qunsetenv("VLUM_SYSTEM_PROFILER");
+        qunsetenv("VLUMTREE");
+        qunsetenv("VWSTREE");
+    }
+
+    // Catches a demo whose installed products the survey would not know: a
+    // folder off the family patterns, a banner on the wrong stream or
+    // without its build, a missing plug-in bundle or build-id file, a
+    // package the installer refuses.
+    void installedProductsAreFound()
+    {
+        const QString catalog = work.filePath(QStringLiteral("catalog"));
+        const QStringList installRoot{QStringLiteral("VLUM_INSTALL_ROOT=") + machine};
+        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"), {catalog}, work.path());
+        QVERIFY2(made.exitStatus == QProcess::NormalExit && made.exitCode == 0, made.err.constData());
+        const QDir packages(catalog + QStringLiteral("/packages"));
+        const QStringList files = packages.entryList({QStringLiteral("*.pkg")}, QDir::Files);
+        QVERIFY(!files.isEmpty());
+        for (const QString& file : files) {
+            const ChildRun installed = runChild(QStringLiteral(VLUM_LIBEXEC_DIR "/installer"),
+                                                {"-verboseR", "-target", "/", "-package", packages.filePath(file)},
+                                                work.path(), installRoot);
+            QVERIFY2(installed.exitCode == 0 && installed.out.endsWith("installer: The install was successful.\n"),
+                     qPrintable(file + QLatin1Char(' ') + QString::fromUtf8(installed.out.right(300))));
+        }
+
+        const QStringList found{
+            "Maya|2018|||",
+            "Velluma 22.0 for Maya 2018|22.0|1234|2018|~/VellumaForMaya-22.0-maya2018",
+            "Velluma CoreServer 22.0|22.0|1234||~/Velluma CoreServer 22.0",
+        };
+        QCOMPARE(survey(), found);
+
+        // The survey knows Maya years up to 2019 only, so the products for
+        // Maya 2020 stay unseen once installed. Under a 2019 name their
+        // payloads must be recognised all the same; without its build-id
+        // file the bridge answers through its queue application's banner.
+        QDir root(productRoot);
+        QVERIFY(root.rename(QStringLiteral("VellumaForMaya-22.0-maya2020"), QStringLiteral("VellumaForMaya-22.0-maya2019")));
+        QVERIFY(root.rename(QStringLiteral("VellumaWorkshop-22.0-Maya2020"), QStringLiteral("VellumaWorkshop-22.0-Maya2019")));
+        QVERIFY(QFile::remove(productRoot + QStringLiteral("/VellumaForMaya-22.0-maya2019/etc/buildid.txt")));
+        QStringList renamed = found;
+        renamed << "Velluma 22.0 for Maya 2019|22.0|1234|2019|~/VellumaForMaya-22.0-maya2019"
+                << "Velluma Workshop 22.0 for Maya 2019|22.0|1234|2019|~/VellumaWorkshop-22.0-Maya2019";
+        renamed.sort();
+        QCOMPARE(survey(), renamed);
+    }
+};
+
+int main(int argc, char** argv)
+{
+    return runWithDlrApp<TestDemoCatalog>(argc, argv, {});
+}
+
+#include "tst_democatalog.moc"
