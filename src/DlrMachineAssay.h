@@ -10,7 +10,7 @@
 enum DlrAttrNames {
     DlrAttrMemory = 0,              // physical memory in whole gigabytes, as text
     DlrAttrOS = 1,                  // operating-system tag sent with the manifest request
-    DlrAttrCannotInstallReason = 2, // why only downloading is possible; never set here
+    DlrAttrCannotInstallReason = 2, // why only downloading is possible: no package installer
 };
 
 // One installed product: "ProductName", "Version", "BuildId", "Location"

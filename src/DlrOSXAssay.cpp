@@ -170,6 +170,11 @@ void DlrMachineAssay::DoAssay()
     properties.clear();
     products.clear();
     properties.insert(DlrAttrOS, QStringLiteral("osx"));
+    // Without the package installer nothing can be installed here, though
+    // the packages can still be downloaded.
+    const QString installer = DlrPlatform::PackageInstallerProgram();
+    if (!QFileInfo(installer).isExecutable())
+        properties.insert(DlrAttrCannotInstallReason, QStringLiteral("The package installer %1 is missing.").arg(installer));
 
     {
         kelProfileHandler handler(products, properties);

@@ -74,11 +74,10 @@ using Indices = QList<int>;
 
 Q_DECLARE_METATYPE(QMessageBox::StandardButton)
 
-class TestSelection : public QObject
+// What both suites below need: a machine, a manifest and the wizard.
+class SelectionFixture : public QObject
 {
-    Q_OBJECT
-
-private:
+protected:
     QTemporaryDir scratch;
     QString productRoot;
     QString mayaRoot;
@@ -162,8 +161,7 @@ private:
         return dlrApp()->exec();
     }
 
-private slots:
-    void initTestCase()
+    void setUp()
     {
         QVERIFY(scratch.isValid());
         productRoot = scratch.filePath(QStringLiteral("Oktavo"));
@@ -175,6 +173,14 @@ private slots:
         qunsetenv("VWSTREE");
         QVERIFY(QDir().mkpath(QDir::homePath() + QStringLiteral("/Downloads")));
     }
+};
+
+class TestSelection : public SelectionFixture
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { setUp(); }
 
     void init()
     {
@@ -453,6 +459,29 @@ private slots:
         QCOMPARE(dlrApp()->downloadIndices, QList<int>{0});
     }
 
+    // A bundle without its package installer, in a copy of this program:
+    // the survey and the selection page must say so (TestBareBundle).
+    void cannotInstall()
+    {
+        QTemporaryDir bare;
+        const QString real = QCoreApplication::applicationDirPath() + QStringLiteral("/..");
+        const QString copy = bare.filePath(QStringLiteral("tests/tst_selection"));
+        QVERIFY(QDir(bare.path()).mkpath(QStringLiteral("tests")) && QDir(bare.path()).mkpath(QStringLiteral("libexec")));
+        QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), copy));
+        QVERIFY(QFile::link(real + QStringLiteral("/Resources"), bare.filePath(QStringLiteral("Resources"))));
+        QVERIFY(QFile::link(real + QStringLiteral("/libexec/system_profiler"),
+                            bare.filePath(QStringLiteral("libexec/system_profiler"))));
+        QProcess child;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("VLUM_BARE_BUNDLE"), QStringLiteral("1"));
+        child.setProcessEnvironment(env);
+        child.setProcessChannelMode(QProcess::MergedChannels);
+        child.start(copy, {QStringLiteral("-maxwarnings"), QStringLiteral("0")});
+        QVERIFY(child.waitForFinished(60000));
+        const QByteArray out = child.readAll();
+        QVERIFY2(child.exitCode() == 0 && out.contains("PASS   : TestBareBundle::cannotInstall()"), out.right(3000).constData());
+    }
+
     void manyOffers()
     {
         QByteArray xml = "<Manifest>\n";
@@ -470,8 +499,44 @@ private slots:
     }
 };
 
+// Runs in a copy of this program placed in a bundle without the package
+// installer (see TestSelection::cannotInstall).
+class TestBareBundle : public SelectionFixture
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { setUp(); }
+    void cleanup() { window.reset(); }
+
+    // The survey says why nothing can be installed; OK goes on to download
+    // only, Cancel leaves with -1.
+    void cannotInstall()
+    {
+        const QString installer = QDir::cleanPath(QCoreApplication::applicationDirPath() + "/../libexec/installer");
+        const QString reason = QStringLiteral("The package installer %1 is missing. Press OK to conitue download "
+                                              "only or Cancel to exit this application").arg(installer);
+        setManifest(kCatalog);
+        {
+            DialogAnswerer user(QMessageBox::Cancel);
+            QCOMPARE(runUntilExit([this] { enterSelection(); }), -1);
+            QCOMPARE(user.texts, QStringList{"Cannot complete the installation on this machine"});
+            QCOMPARE(user.informative, QStringList{reason});
+            QVERIFY(!page()->isComplete());
+            QCOMPARE(list()->count(), 0);
+        }
+        DialogAnswerer user(QMessageBox::Ok);
+        enterSelection();
+        QCOMPARE(user.informative, QStringList{reason});
+        QVERIFY(page()->isComplete());
+        QCOMPARE(page()->chosenIndices, (Indices{0, 8}));
+    }
+};
+
 int main(int argc, char** argv)
 {
+    if (qEnvironmentVariableIsSet("VLUM_BARE_BUNDLE"))
+        return runWithDlrApp<TestBareBundle>(argc, argv, {"-user", "demo", "-pass", "velluma"});
     return runWithDlrApp<TestSelection>(argc, argv, {"-user", "demo", "-pass", "velluma"});
 }
 
