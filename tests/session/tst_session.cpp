@@ -124,21 +124,15 @@ private slots:
     // Enter on each page until Finish: status 0, and the last page's debug
     // line shows that the finished page was reached. No browser exists here,
     // which must not keep the wizard open. The product list comes from a
-    // local manifest with one offer that is shown ticked.
+    // local manifest with one offer, shown ticked.
     void keyboardWalkToTheEnd()
     {
-        const QString manifest = home.filePath(QStringLiteral("one-offer.xml"));
-        QFile file(manifest);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("<Manifest><ProductInfo><Name>VellumaSampleScenes-22.0.pkg</Name>"
-                   "<SimpleName>Velluma Sample Scenes</SimpleName><BuildID>1</BuildID><FileSize>10</FileSize>"
-                   "<DefaultBehavior>show</DefaultBehavior>"
-                   "<DownloadURL>https://127.0.0.1:9/VellumaSampleScenes-22.0.pkg</DownloadURL>"
-                   "</ProductInfo></Manifest>");
-        file.close();
         QProcess wizard;
         QByteArray id;
-        startWizard(wizard, {"-user", "alice", "-pass", "secret", "-debug", "-manifest", manifest}, id);
+        startWizard(wizard,
+                    {"-user", "alice", "-pass", "secret", "-debug", "-manifest",
+                     VLUM_SOURCE_DIR "/tests/fixtures/one-offer.xml"},
+                    id);
         returnUntilEnd(wizard);
         QCOMPARE(wizard.exitCode(), 0);
         const QByteArray err = wizard.readAllStandardError();

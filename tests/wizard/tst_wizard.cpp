@@ -248,6 +248,9 @@ private slots:
 
 int main(int argc, char** argv)
 {
-    return runWithDlrApp<TestWizard>(argc, argv, {"-user", "alice", "-pass", " s3cret "});
+    // The selection page reads a local product list: no request leaves the
+    // machine.
+    return runWithDlrApp<TestWizard>(argc, argv, {"-user", "alice", "-pass", " s3cret ", "-manifest",
+                                                  VLUM_SOURCE_DIR "/tests/fixtures/one-offer.xml"});
 }
 #include "tst_wizard.moc"
