@@ -9,6 +9,7 @@
 // survey does not find every product, 0 otherwise whatever the figures.
 
 #include "../tests/support/ProductTree.h"
+#include "BenchSupport.h"
 
 #include "DlrApp.h"
 #include "DlrLog.h"
@@ -17,7 +18,6 @@
 #include <QElapsedTimer>
 #include <QTemporaryDir>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -62,13 +62,7 @@ int buildTree(ProductTree& tree, int folders)
 
 struct Runs {
     QList<double> ms;
-    double median() const
-    {
-        QList<double> sorted = ms;
-        std::sort(sorted.begin(), sorted.end());
-        const int n = sorted.size();
-        return n % 2 ? sorted[n / 2] : (sorted[n / 2 - 1] + sorted[n / 2]) / 2;
-    }
+    double median() const { return ::median(ms); }
 };
 
 // One uncounted warm-up, then `count` timed surveys; the records of the
@@ -99,16 +93,8 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    // A run must not depend on who starts it: no user settings, no
-    // developer trees, no debug lines, the bundle's own profiler.
     QTemporaryDir scratch;
-    qputenv("HOME", scratch.path().toLocal8Bit());
-    qputenv("XDG_RUNTIME_DIR", scratch.path().toLocal8Bit());
-    qputenv("VLUM_PRODUCT_ROOT", scratch.filePath(QStringLiteral("Oktavo")).toLocal8Bit());
-    for (const char* name : {"VLUMTREE", "VWSTREE", "VLUM_SYSTEM_PROFILER", "VLUMINSTALLER_DEBUG_LOG"})
-        qunsetenv(name);
-    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
+    isolateBenchEnvironment(scratch);
 
     int appArgc = 1;
     DlrApp app(appArgc, argv);

@@ -8,6 +8,7 @@
 // (the figures would then measure a short cut), 0 otherwise.
 
 #include "../tests/support/ProductTree.h"
+#include "BenchSupport.h"
 
 #include "DlrApp.h"
 #include "DlrLog.h"
@@ -18,7 +19,6 @@
 #include <QElapsedTimer>
 #include <QTemporaryDir>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -94,13 +94,6 @@ void buildMachine(ProductTree& products, ProductTree& mayas)
     }
 }
 
-double median(QList<double> ms)
-{
-    std::sort(ms.begin(), ms.end());
-    const int n = ms.size();
-    return n % 2 ? ms[n / 2] : (ms[n / 2 - 1] + ms[n / 2]) / 2;
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -113,14 +106,8 @@ int main(int argc, char** argv)
     }
 
     QTemporaryDir scratch;
-    qputenv("HOME", scratch.path().toLocal8Bit());
-    qputenv("XDG_RUNTIME_DIR", scratch.path().toLocal8Bit());
-    qputenv("VLUM_PRODUCT_ROOT", scratch.filePath(QStringLiteral("Oktavo")).toLocal8Bit());
+    isolateBenchEnvironment(scratch);
     qputenv("VLUM_MAYA_ROOT", scratch.filePath(QStringLiteral("autodesk")).toLocal8Bit());
-    for (const char* name : {"VLUMTREE", "VWSTREE", "VLUM_SYSTEM_PROFILER", "VLUMINSTALLER_DEBUG_LOG"})
-        qunsetenv(name);
-    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
 
     int appArgc = 1;
     DlrApp app(appArgc, argv);
