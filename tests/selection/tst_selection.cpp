@@ -288,6 +288,18 @@ private slots:
         QCOMPARE(list()->count(), chosen.size());
     }
 
+    // Each bridge goes to its host's rule: Katana to the Katana rule (no
+    // Katana is ever surveyed here), an unknown host to none.
+    void bridgeHosts()
+    {
+        setMachine({"maya 2018"});
+        setManifest(kCatalog);
+        QTest::ignoreMessage(QtDebugMsg, "No katanas present in the assay.");
+        QTest::ignoreMessage(QtDebugMsg, "No auto selection handler for \"Houdini\"");
+        enterSelection();
+        QVERIFY(!page()->chosenIndices.contains(4));
+    }
+
     // "Show All" lists hidden offers unticked and keeps the user's ticks on
     // rows that stay; a hidden row that goes out of view is not downloaded.
     void showAllAndNext()
