@@ -90,6 +90,9 @@ public:
     std::unique_ptr<char[]> downloadBuffer;
     std::unique_ptr<QDir> downloadDir;
     bool sslErrorsAccepted = false;
+    // Why the last manifest request got no answer from the server (the
+    // network error's text); empty when it did.
+    QString manifestNetworkError;
 
     QList<int> downloadIndices;
     DlrMachineAssay* assay = nullptr; // process-wide singleton, not owned

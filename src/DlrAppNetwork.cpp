@@ -4,6 +4,7 @@
 #include "DlrApp.h"
 
 #include "DlrManifestHandler.h"
+#include "DlrNetworkError.h"
 
 #include <QDebug>
 #include <QFile>
@@ -113,6 +114,8 @@ void DlrApp::RequestManifest(const QUrl& url, const QString& user, const QString
 
 void DlrApp::replyFromManifestRequest(QNetworkReply* reply)
 {
+    manifestNetworkError =
+        reply->error() == QNetworkReply::NoError ? QString() : DlrNetworkError(reply->error());
     const QByteArray validation = reply->rawHeader("Validation");
     if (validation.startsWith("Approved")) {
         qDebug() << "Manifest request approved";

@@ -67,6 +67,8 @@ void DlrSelection::invalidManifest(const QString& reason)
                     QMessageBox::Ok, this);
     box.setDefaultButton(QMessageBox::Ok);
     box.setInformativeText(reason);
+    // The reason alone does not tell a refused connection from a bad reply.
+    box.setDetailedText(dlrApp()->manifestNetworkError);
     box.exec();
     QCoreApplication::exit(1);
 }

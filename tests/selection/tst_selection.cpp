@@ -10,6 +10,7 @@
 #include "DlrHumanBytes.h"
 #include "DlrMachineAssay.h"
 #include "DlrMainWindow.h"
+#include "DlrNetworkError.h"
 #include "DlrSelection.h"
 #include "OfferTree.h"
 
@@ -387,23 +388,26 @@ private slots:
     void noProductList_data()
     {
         QTest::addColumn<QStringList>("options");
-        QTest::addColumn<QString>("user");
         QTest::addColumn<QMessageBox::StandardButton>("tlsAnswer");
-        QTest::addColumn<QString>("reason"); // empty: any non-empty text
-        QTest::newRow("refused") << QStringList{"--tls", "chain"} << "demo" << QMessageBox::Ok << "Wrong password";
-        QTest::newRow("TLS refused") << QStringList{"--tls", "self"} << "demo" << QMessageBox::Cancel << "";
-        QTest::newRow("unreachable") << QStringList() << "demo" << QMessageBox::Ok << "";
+        QTest::addColumn<QString>("reason");
+        QTest::addColumn<QString>("details"); // the network error, if any
+        QTest::newRow("refused") << QStringList{"--tls", "chain"} << QMessageBox::Ok << "Wrong password" << "";
+        QTest::newRow("TLS refused") << QStringList{"--tls", "self"} << QMessageBox::Cancel
+                                     << "Unknown manifest Validation"
+                                     << DlrNetworkError(QNetworkReply::SslHandshakeFailedError);
+        QTest::newRow("unreachable") << QStringList() << QMessageBox::Ok << "Unknown manifest Validation"
+                                     << DlrNetworkError(QNetworkReply::ConnectionRefusedError);
     }
 
     void noProductList()
     {
         QFETCH(QStringList, options);
-        QFETCH(QString, user);
         QFETCH(QMessageBox::StandardButton, tlsAnswer);
         QFETCH(QString, reason);
+        QFETCH(QString, details);
         VendorServer server;
         server.writeCatalogFile(QStringLiteral("manifest.xml"), manifest({kCore22}));
-        server.setUsers({{user, QStringLiteral("other")}});
+        server.setUsers({{QStringLiteral("demo"), QStringLiteral("another password")}});
         if (options.isEmpty()) {
             QVERIFY(server.start());
             server.stop(); // its port is closed now
@@ -414,10 +418,8 @@ private slots:
         DialogAnswerer answer(tlsAnswer);
         QCOMPARE(runUntilExit([this] { enterSelection(); }), 1);
         QCOMPARE(answer.texts.last(), QStringLiteral("Could not get a product list from Oktavo"));
-        if (reason.isEmpty())
-            QVERIFY(!answer.informative.last().isEmpty());
-        else
-            QCOMPARE(answer.informative.last(), reason);
+        QCOMPARE(answer.informative.last(), reason);
+        QCOMPARE(answer.details.last(), details);
         QVERIFY(!page()->isComplete());
     }
 

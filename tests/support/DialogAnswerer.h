@@ -2,7 +2,7 @@
 
 // Answers the message boxes that open while it lives, the way a user
 // would, and remembers what they said. A box without the chosen answer
-// but with a single button is closed with that button.
+// but with a single one is closed with that one.
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -24,11 +24,23 @@ public:
             texts << box->text();
             informative << box->informativeText();
             details << box->detailedText();
-            // A box with a single button can only be closed with it.
+            // A box with a single answer can only be closed with it; its
+            // "Show Details..." button is no answer.
             QAbstractButton* button = box->button(this->answer);
-            if (!button && box->buttons().size() == 1)
-                button = box->buttons().first();
-            button->click();
+            if (!button && box->standardButtons() != QMessageBox::NoButton) {
+                const QList<QAbstractButton*> buttons = box->buttons();
+                QList<QAbstractButton*> answers;
+                for (QAbstractButton* candidate : buttons) {
+                    if (box->standardButton(candidate) != QMessageBox::NoButton)
+                        answers << candidate;
+                }
+                if (answers.size() == 1)
+                    button = answers.first();
+            }
+            if (button)
+                button->click();
+            else
+                box->reject();
         });
         timer.start();
     }
