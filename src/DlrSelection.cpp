@@ -151,25 +151,19 @@ bool DlrSelection::validatePage()
 {
     DlrApp* app = dlrApp();
 
-    // Rows stand for the chosen offers, then for the hidden ones when those
-    // are shown.
-    QList<QPair<int, qint32>> rows;
-    for (int row = 0; row < chosenIndices.size(); ++row)
-        rows << qMakePair(row, chosenIndices.at(row));
-    for (int j = 0; j < hiddenIndices.size(); ++j) {
-        const int row = chosenIndices.size() + j;
-        if (row < productList->count())
-            rows << qMakePair(row, hiddenIndices.at(j));
-    }
-
+    // Row r stands for entry r of the chosen offers followed by the hidden
+    // ones; hidden offers count only while they are listed.
+    const QList<qint32> displayed = chosenIndices + hiddenIndices;
     QList<int> picked;
     qint64 needed = 0;
-    for (const auto& row : qAsConst(rows)) {
-        if (!isProductEnabled(row.first))
+    for (int row = 0; row < displayed.size(); ++row) {
+        if (row >= chosenIndices.size() && row >= productList->count())
+            break;
+        if (!isProductEnabled(row))
             continue;
-        const qint32 index = row.second;
+        const qint32 index = displayed.at(row);
         if (index < 0 || index >= app->manifest.size()) {
-            qDebug() << "manifest index out of range" << index << "from selection" << row.first;
+            qDebug() << "manifest index out of range" << index << "from selection" << row;
             return false;
         }
         picked << index;
