@@ -1,11 +1,22 @@
 #include "DlrDownload.h"
 
 #include "DlrApp.h"
+#include "DlrHumanBytes.h"
+#include "DlrManifestElement.h"
+#include "DlrOSXProcess.h"
+#include "DlrPlatform.h"
 
+#include <QAbstractButton>
+#include <QDebug>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QMessageBox>
+#include <QNetworkReply>
 #include <QProgressBar>
+#include <QRegExp>
+#include <QTimer>
 #include <QVBoxLayout>
+#include <QWizard>
 
 DlrDownload::DlrDownload(QWidget* parent)
     : QWizardPage(parent)
@@ -39,6 +50,414 @@ DlrDownload::DlrDownload(QWidget* parent)
 
     setSubTitle(tr(" "));
     setPixmap(QWizard::BannerPixmap, dlrApp()->LoadPixmapResource("downloadBanner.png"));
+
+    DlrApp* app = dlrApp();
+    connect(app, qOverload<int>(&DlrApp::finishedDownload), this, &DlrDownload::downloadCompleted);
+    connect(app, &DlrApp::failedDownload, this, &DlrDownload::downloadFailed);
+}
+
+DlrDownload::~DlrDownload() = default;
+
+void DlrDownload::initializePage()
+{
+    qDebug() << "Download";
+    progressBar->reset();
+    progressBar->setValue(0);
+    position = 0;
+    downloadReply = nullptr;
+    installerProcess.reset();
+    backAfterInstall = false;
+    downloadAbandoned = false;
+    amount->clear();
+
+    requestNextDownload();
+
+    // On this page Back asks before it stops a download or leaves an
+    // installation behind, so the wizard's own button makes way for ours.
+    QWizard* wizard = this->wizard();
+    wizard->setButtonLayout({QWizard::Stretch, QWizard::CustomButton1, QWizard::NextButton, QWizard::FinishButton});
+    wizard->setButtonText(QWizard::CustomButton1, wizard->buttonText(QWizard::BackButton));
+    if (!backButtonConnected) {
+        connect(wizard->button(QWizard::CustomButton1), &QAbstractButton::clicked, this, &DlrDownload::back);
+        backButtonConnected = true;
+    }
+}
+
+void DlrDownload::cleanupPage()
+{
+    wizard()->setButtonLayout({QWizard::Stretch, QWizard::BackButton, QWizard::NextButton, QWizard::FinishButton});
+    amount->clear();
+}
+
+bool DlrDownload::isComplete() const
+{
+    return position == -1 && allDone;
+}
+
+bool DlrDownload::validatePage()
+{
+    return position == -1 && allDone;
+}
+
+bool DlrDownload::currentProduct(DlrManifestElement** element)
+{
+    const QList<int>& indices = dlrApp()->downloadIndices;
+    if (position < 0 || position >= indices.size())
+        return true;
+    const int index = indices.at(position);
+    QList<DlrManifestElement>& manifest = dlrApp()->manifest;
+    if (index < 0 || index >= manifest.size())
+        return true;
+    *element = &manifest[index];
+    return false;
+}
+
+void DlrDownload::requestNextDownload()
+{
+    amount->clear();
+    DlrApp* app = dlrApp();
+    const QList<int>& indices = app->downloadIndices;
+    if (position < 0 || position >= indices.size()) {
+        qWarning() << "requestNextDownload made with nothing to do" << position;
+        return;
+    }
+    progressStep = 1000 / indices.size();
+    progressBar->setValue(position * progressStep);
+
+    const int index = indices.at(position);
+    DlrManifestElement* product = nullptr;
+    const bool known = !currentProduct(&product);
+    if (known && product->downloaded) {
+        // A complete package from an earlier run or visit: install it as is.
+        downloadCompleted(index);
+        return;
+    }
+
+    const QString name = known ? product->matchName() : QString();
+    status->setText(QStringLiteral("Downloading ") + name + QStringLiteral("..."));
+    downloadReply = app->DownloadProduct(index);
+    if (!downloadReply) {
+        QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("There Was An Error Downloading"),
+                        QMessageBox::Ok, this);
+        box.setInformativeText(QStringLiteral("While processing") + name
+                               + QStringLiteral(". If this error persists contact customer support. Press Ok to "
+                                                "exit the application"));
+        box.exec();
+        QCoreApplication::exit(0);
+        return;
+    }
+    connect(downloadReply, &QNetworkReply::downloadProgress, this, &DlrDownload::downloadProgress);
+}
+
+void DlrDownload::downloadProgress(qint64 bytesReceived, qint64 bytesTotal)
+{
+    // Without a known total there is no fraction: the bar stays at the
+    // product's start and the label shows what has arrived.
+    if (bytesTotal <= 0) {
+        amount->setText(DlrHumanBytes(bytesReceived));
+        return;
+    }
+    const float done = float(bytesReceived) / float(bytesTotal);
+    progressBar->setValue(int(float(position * progressStep) + done * float(progressStep / 2)));
+    amount->setText(DlrHumanBytes(bytesReceived) + QLatin1Char('/') + DlrHumanBytes(bytesTotal));
+}
+
+void DlrDownload::downloadCompleted(int manifestIndex)
+{
+    if (inBackDialog) {
+        qDebug() << "Download completed while in the back dialog";
+        completedInDialog = true;
+        pendingIndex = manifestIndex;
+        return;
+    }
+    installDownloaded(manifestIndex);
+}
+
+void DlrDownload::installDownloaded(int manifestIndex)
+{
+    downloadReply = nullptr;
+    qDebug() << "Download complete!" << manifestIndex;
+    amount->clear();
+    startInstaller();
+}
+
+void DlrDownload::downloadFailed(const QString& reason, int manifestIndex)
+{
+    qWarning() << "Download failed" << reason;
+    if (inBackDialog) {
+        qDebug() << "Download failed while in the back dialog";
+        failedInDialog = true;
+        pendingIndex = manifestIndex;
+        pendingReason = reason;
+        return;
+    }
+    amount->clear();
+    downloadReply = nullptr;
+    if (downloadAbandoned) {
+        downloadAbandoned = false;
+        return;
+    }
+    askAboutFailedDownload(reason);
+}
+
+void DlrDownload::askAboutFailedDownload(const QString& reason)
+{
+    QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("Product download failed"),
+                    QMessageBox::Abort | QMessageBox::Retry | QMessageBox::Ignore, this);
+    box.setDefaultButton(QMessageBox::Retry);
+    box.setInformativeText(reason + QStringLiteral(". Press Abort to exit, Retry or Ignore to try the next product"));
+    switch (box.exec()) {
+    case QMessageBox::Abort:
+        QCoreApplication::exit(-1);
+        break;
+    case QMessageBox::Retry:
+        qDebug() << "Requesting retry after a failed download";
+        // Later, not now: the download engine still holds the failed reply
+        // while this runs and would refuse a new download.
+        QTimer::singleShot(1, this, &DlrDownload::requestNextDownload);
+        break;
+    default:
+        nextDownloadKeepingAmount();
+        break;
+    }
+}
+
+void DlrDownload::nextDownload()
+{
+    amount->clear();
+    nextDownloadKeepingAmount();
+}
+
+void DlrDownload::nextDownloadKeepingAmount()
+{
+    ++position;
+    progressBar->setValue(position * progressStep);
+    if (position == dlrApp()->downloadIndices.size()) {
+        position = -1;
+        allDone = true;
+        emit completeChanged();
+        wizard()->next();
+        return;
+    }
+    QTimer::singleShot(1, this, &DlrDownload::requestNextDownload);
+}
+
+void DlrDownload::back(bool checked)
+{
+    Q_UNUSED(checked)
+    if (position == -1) {
+        wizard()->back();
+        return;
+    }
+    DlrManifestElement* product = nullptr;
+    if (currentProduct(&product)) {
+        qWarning() << "no element even though processing in back";
+        return;
+    }
+    if (installerProcess)
+        askBeforeLeavingInstall(product->matchName());
+    else if (downloadReply)
+        askBeforeStoppingDownload(product->matchName());
+}
+
+void DlrDownload::askBeforeLeavingInstall(const QString& name)
+{
+    inBackDialog = true;
+    installerFinishedInDialog = false;
+    QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("A Product Install Is In Progress"),
+                    QMessageBox::Ok | QMessageBox::Cancel, this);
+    box.setDefaultButton(QMessageBox::Cancel);
+    box.setInformativeText(QStringLiteral("Once ") + name
+                           + QStringLiteral(" is installed the Velluma Installer will go back"));
+    // An installation cannot be stopped halfway: OK only means "then go back".
+    if (box.exec() == QMessageBox::Ok)
+        backAfterInstall = true;
+    inBackDialog = false;
+    if (installerFinishedInDialog) {
+        installerFinishedInDialog = false;
+        installerFinished(savedExitCode, QProcess::ExitStatus(savedExitStatus));
+    }
+}
+
+void DlrDownload::askBeforeStoppingDownload(const QString& name)
+{
+    inBackDialog = true;
+    completedInDialog = false;
+    failedInDialog = false;
+    QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("Download In Progress. Really go back?"),
+                    QMessageBox::Ok | QMessageBox::Cancel, this);
+    box.setDefaultButton(QMessageBox::Cancel);
+    box.setInformativeText(QStringLiteral("Pressing Ok will stop this download of ") + name
+                           + QStringLiteral(". Press Cancel to resume download and installation"));
+    const int answer = box.exec();
+    inBackDialog = false;
+
+    if (answer == QMessageBox::Ok) {
+        // The failure report that the abort causes is not the user's concern.
+        downloadAbandoned = true;
+        if (!completedInDialog && !failedInDialog && downloadReply)
+            downloadReply->abort();
+        downloadReply = nullptr;
+        wizard()->back();
+        return;
+    }
+    if (completedInDialog)
+        installDownloaded(pendingIndex);
+    else if (failedInDialog)
+        downloadFailed(pendingReason, pendingIndex);
+}
+
+void DlrDownload::startInstaller()
+{
+    DlrManifestElement* product = nullptr;
+    if (currentProduct(&product)) {
+        qDebug() << "No current product in startInstaller";
+        return;
+    }
+    if (installerProcess) {
+        qWarning() << "startInstaller called while installer is running";
+        return;
+    }
+
+    const QString package = product->downloadFile ? product->downloadFile->fileName() : QString();
+    if (!package.endsWith(QLatin1String(".pkg"))) {
+        // Anything but a package is delivered as a download only.
+        qDebug() << "Not running installer on " << package;
+        nextDownload();
+        return;
+    }
+
+    installerProcess = std::make_unique<DlrOSXProcess>();
+    DlrOSXProcess* process = installerProcess.get();
+    process->setProcessEnvironment(QProcessEnvironment::systemEnvironment());
+    connect(process, &DlrOSXProcess::started, this, &DlrDownload::installerStarts);
+    connect(process, &DlrOSXProcess::stateChanged, this, &DlrDownload::installerChangedState);
+    connect(process, &DlrOSXProcess::error, this, &DlrDownload::installerError);
+    connect(process, &DlrOSXProcess::finished, this, &DlrDownload::installerFinished);
+    connect(process, &DlrOSXProcess::readyReadStandardOutput, this, &DlrDownload::installerReadyStdout);
+    connect(process, &DlrOSXProcess::readyReadStandardError, this, &DlrDownload::installerReadyStderr);
+
+    progressBar->setValue(position * progressStep + progressStep / 2);
+    const QString program = DlrPlatform::PackageInstallerProgram();
+    const QStringList arguments{QStringLiteral("-verboseR"), QStringLiteral("-target"), QStringLiteral("/"),
+                                QStringLiteral("-package"), package};
+    qDebug() << "running installer" << program << arguments;
+    process->start(program, arguments, QIODevice::ReadOnly);
+}
+
+void DlrDownload::installerStarts()
+{
+    DlrManifestElement* product = nullptr;
+    if (currentProduct(&product))
+        status->clear();
+    else
+        status->setText(QStringLiteral("Installing ") + product->matchName() + QStringLiteral("..."));
+}
+
+void DlrDownload::installerChangedState(QProcess::ProcessState newState)
+{
+    qDebug() << "Installer moves to state" << newState;
+}
+
+void DlrDownload::installerError(QProcess::ProcessError error)
+{
+    qDebug() << "Installer error " << error;
+    if (error != QProcess::FailedToStart)
+        return; // a crash is followed by finished(), which reports it
+
+    DlrManifestElement* product = nullptr;
+    QString text = QStringLiteral("Could not start installer process");
+    if (!currentProduct(&product))
+        text += QStringLiteral(" for ") + product->matchName();
+    text += QStringLiteral(", skipping to next product");
+    QMessageBox box(QMessageBox::Critical, QString(), text, QMessageBox::Ok, this);
+    box.exec();
+
+    // This may run inside the process object's own start(): it must outlive it.
+    if (installerProcess)
+        installerProcess.release()->deleteLater();
+    qDebug() << "process object abandoned due to error";
+    status->clear();
+    nextDownload();
+}
+
+void DlrDownload::installerFinished(int exitCode, QProcess::ExitStatus exitStatus)
+{
+    status->clear();
+    qDebug() << "Installer finished" << exitCode << " status " << exitStatus;
+    if (inBackDialog) {
+        installerFinishedInDialog = true;
+        savedExitCode = exitCode;
+        savedExitStatus = int(exitStatus);
+        qDebug() << "Installer finished while waiting for user input";
+        return;
+    }
+    if (exitCode < 0 || exitStatus != QProcess::NormalExit) {
+        QMessageBox box(QMessageBox::Critical, QString(),
+                        QStringLiteral("Installer exited with err. Exit code: ") + QString::number(exitCode),
+                        QMessageBox::Ok, this);
+        box.exec();
+    }
+    if (!backAfterInstall)
+        nextDownload();
+    else
+        wizard()->back();
+
+    qDebug() << "calling delete on installer process object";
+    installerProcess.reset();
+    qDebug() << "process object gone";
+}
+
+void DlrDownload::installerReadyStdout()
+{
+    if (!installerProcess) {
+        qDebug() << "internal error, got stdin ready but no process";
+        return;
+    }
+    QByteArray bytes = installerProcess->readAllStandardOutput();
+    // Typographic characters (an ellipsis in UTF-8) are dropped, not decoded.
+    QByteArray plain;
+    plain.reserve(bytes.size());
+    for (const char byte : qAsConst(bytes)) {
+        if (static_cast<unsigned char>(byte) < 0x80)
+            plain += byte;
+    }
+    plain = plain.trimmed();
+    const int nul = plain.indexOf('\0');
+    if (nul >= 0)
+        plain.truncate(nul);
+    QString text = QString::fromLatin1(plain);
+    qDebug() << "installer stdout:" << text;
+
+    // "installer:%42.5" moves the second half of the product's share.
+    const QRegExp percentage(QStringLiteral("installer:%([0-9.]+)"), Qt::CaseSensitive, QRegExp::RegExp);
+    const bool hasPercentage = percentage.indexIn(text) >= 0;
+    if (hasPercentage) {
+        const float percent = percentage.cap(1).toFloat();
+        const int half = progressStep / 2;
+        progressBar->setValue(int(float(position * progressStep + half) + (percent / 100.0f) * float(half)));
+    }
+
+    text.remove(QStringLiteral("installer:"));
+    text.remove(QStringLiteral("PHASE:"));
+    text.remove(QStringLiteral("STATUS:"));
+    if (!hasPercentage)
+        amount->setText(text);
+}
+
+void DlrDownload::installerReadyStderr()
+{
+    if (!installerProcess) {
+        qDebug() << "internal error, got stderr ready but no process";
+        return;
+    }
+    qDebug() << "installer stderr:" << installerProcess->readAllStandardError();
+}
+
+void DlrDownload::nextWhileUWait()
+{
+    artwork->setPixmap(nextWUWPixmap());
+    QTimer::singleShot(100, this, &DlrDownload::nextWhileUWait);
 }
 
 QPixmap DlrDownload::nextWUWPixmap()

@@ -1,27 +1,85 @@
 #pragma once
 
 #include <QPixmap>
+#include <QProcess>
+#include <QString>
 #include <QWizardPage>
 
+#include <memory>
+
+class DlrManifestElement;
+class DlrOSXProcess;
 class QLabel;
+class QNetworkReply;
 class QProgressBar;
 
-// Third page: downloads and installs the chosen products one by one.
+// Third page: downloads and installs the chosen products one by one, all
+// on one progress bar, and guards the way back while either is running.
 class DlrDownload : public QWizardPage
 {
     Q_OBJECT
 
 public:
     explicit DlrDownload(QWidget* parent);
+    ~DlrDownload() override;
+
+    void initializePage() override;
+    void cleanupPage() override;
+    bool isComplete() const override;
+    bool validatePage() override;
+
+public slots:
+    void back(bool checked);
+    void downloadCompleted(int manifestIndex);
+    void downloadFailed(const QString& reason, int manifestIndex);
+    void downloadProgress(qint64 bytesReceived, qint64 bytesTotal);
+    void installerStarts();
+    void installerChangedState(QProcess::ProcessState newState);
+    void installerError(QProcess::ProcessError error);
+    void installerFinished(int exitCode, QProcess::ExitStatus exitStatus);
+    void installerReadyStdout();
+    void installerReadyStderr();
+    void nextWhileUWait();
+    void requestNextDownload();
 
 private:
+    // True when there is no current product; otherwise stores it.
+    bool currentProduct(DlrManifestElement** element);
+    // Runs the package installer on the current product's download.
+    void startInstaller();
+    // Ends the current product and moves on to the next, or to the end.
+    void nextDownload();
+    void nextDownloadKeepingAmount();
+    void installDownloaded(int manifestIndex);
+    void askAboutFailedDownload(const QString& reason);
+    void askBeforeLeavingInstall(const QString& name);
+    void askBeforeStoppingDownload(const QString& name);
     // The next picture of the "while you wait" sequence: numbered from 1,
     // gaps skipped, nothing above 19, starting over after the last one.
     QPixmap nextWUWPixmap();
 
+    int position = -1;
+    bool allDone = false;
     QLabel* artwork = nullptr;
     QProgressBar* progressBar = nullptr;
     QLabel* status = nullptr;
     QLabel* amount = nullptr;
+    int progressStep = 0;
+    QNetworkReply* downloadReply = nullptr; // owned by the download engine
+    std::unique_ptr<DlrOSXProcess> installerProcess;
+    bool backAfterInstall = false;
+    bool downloadAbandoned = false;
     int whileUWaitIndex = 1;
+    bool backButtonConnected = false;
+
+    // A confirmation dialog of back() is open; ends that arrive meanwhile
+    // are parked here and handled once it closes.
+    bool inBackDialog = false;
+    bool installerFinishedInDialog = false;
+    int savedExitCode = 0;
+    int savedExitStatus = 0;
+    bool completedInDialog = false;
+    bool failedInDialog = false;
+    int pendingIndex = -1;
+    QString pendingReason;
 };

@@ -156,7 +156,11 @@ class Requests(unittest.TestCase):
                 ("forced status", "/packages/one.pkg?status=503", 503, None, 0),
                 ("escape by encoded slash", "/packages/..%2Fusers.json", 404, None, 0),
                 ("escape by dot-dot", "/packages/../users.json", 404, None, 0),
-                ("absent package", "/packages/absent.pkg", 404, None, 0)]
+                ("absent package", "/packages/absent.pkg", 404, None, 0),
+                # A flaky network: the first request is dropped, the second is whole.
+                ("flaky, first try", "/packages/one.pkg?drop_after=1000&fault_times=1", 200, PACKAGE[:1000], 0),
+                ("flaky, second try", "/packages/one.pkg?drop_after=1000&fault_times=1", 200, PACKAGE, 0),
+                ("bad fault count", "/packages/one.pkg?fault_times=x", 400, None, 0)]
         for name, url, status, content, at_least in rows:
             with self.subTest(name):
                 start = time.monotonic()
