@@ -3,6 +3,8 @@
 // keyboard walks it to the end, and each way out gives the right status.
 
 #include "../support/ChildRun.h"
+#include "../support/HelperProcess.h"
+#include "../support/VendorServer.h"
 
 #include <QDir>
 #include <QFile>
@@ -35,9 +37,11 @@ private:
     }
 
     // Starts the wizard on our display and waits for its window.
-    void startWizard(QProcess& wizard, const QStringList& args, QByteArray& windowId)
+    void startWizard(QProcess& wizard, const QStringList& args, QByteArray& windowId, const QStringList& extraEnv = {})
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const QString& entry : extraEnv)
+            env.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
         env.insert(QStringLiteral("DISPLAY"), display);
         env.insert(QStringLiteral("HOME"), home.path());
         env.remove(QStringLiteral("QT_QPA_PLATFORM"));
@@ -121,22 +125,40 @@ private slots:
         finish(wizard);
     }
 
-    // Enter on each page until Finish: status 0, and the last page's debug
-    // line shows that the finished page was reached. No browser exists here,
-    // which must not keep the wizard open. The product list comes from a
-    // local manifest with one offer, shown ticked.
+    // Enter on each page until Finish, against a real vendor server and a
+    // real helper: the one offered package is downloaded, installed into
+    // the helper's install root, and the run ends with status 0 on the
+    // finished page. No browser exists here, which must not keep the wizard
+    // open.
     void keyboardWalkToTheEnd()
     {
+        VendorServer server;
+        QVERIFY(server.makeInstallablePackage(QStringLiteral("scenes.pkg"), QStringLiteral("Sample Scenes")));
+        server.writeCatalogFile(QStringLiteral("manifest.xml"), R"(<Manifest><ProductInfo>
+            <Name>VellumaSampleScenes-22.0.pkg</Name><SimpleName>Velluma Sample Scenes</SimpleName>
+            <BuildID>1</BuildID><FileSize>@SIZE:scenes.pkg@</FileSize><DefaultBehavior>show</DefaultBehavior>
+            <DownloadURL>@BASE@/packages/scenes.pkg</DownloadURL></ProductInfo></Manifest>)");
+        QVERIFY(server.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
+        QTemporaryDir machine;
+        HelperProcess helper;
+        QVERIFY(helper.Start(QStringLiteral(VLUM_HELPER), {},
+                             {QStringLiteral("VLUM_INSTALL_ROOT=") + machine.path()}));
+        QVERIFY(QDir().mkpath(home.filePath(QStringLiteral("Downloads"))));
+
         QProcess wizard;
         QByteArray id;
         startWizard(wizard,
-                    {"-user", "alice", "-pass", "secret", "-debug", "-manifest",
-                     VLUM_SOURCE_DIR "/tests/fixtures/one-offer.xml"},
-                    id);
+                    {"-user", "demo", "-pass", "velluma", "-debug", "-manifestserver",
+                     QStringLiteral("127.0.0.1:%1").arg(server.port), "-manifestserverscheme", "https"},
+                    id,
+                    {QStringLiteral("VLUM_HELPER_SOCKET=") + helper.SocketPath(),
+                     QStringLiteral("VLUM_PRODUCT_ROOT=") + machine.filePath(QStringLiteral("opt/Oktavo"))});
         returnUntilEnd(wizard);
-        QCOMPARE(wizard.exitCode(), 0);
         const QByteArray err = wizard.readAllStandardError();
-        QVERIFY2(err.contains("]: Debug: Finished!\n"), err.constData());
+        QVERIFY2(wizard.exitCode() == 0 && err.contains("]: Debug: Finished!\n"), err.right(4000).constData());
+        QVERIFY(QFile::exists(home.filePath(QStringLiteral("Downloads/VellumaSampleScenes-22.0.pkg"))));
+        QVERIFY2(QFile::exists(machine.filePath(QStringLiteral("opt/Oktavo/Sample Scenes/README.txt"))),
+                 qPrintable(helper.Log()));
     }
 };
 

@@ -52,6 +52,24 @@ public:
         writeCatalogFile(QStringLiteral("packages/") + name, bytes);
     }
 
+    // A real package for the installer: one text file that lands in
+    // opt/Oktavo/<folder>/README.txt under the install target.
+    bool makeInstallablePackage(const QString& name, const QString& folder)
+    {
+        QTemporaryDir payload;
+        const QString product = payload.filePath(QStringLiteral("opt/Oktavo/") + folder);
+        QFile readme(product + QStringLiteral("/README.txt"));
+        if (!QDir().mkpath(product) || !readme.open(QIODevice::WriteOnly))
+            return false;
+        readme.write(folder.toUtf8() + '\n');
+        readme.close();
+        return QProcess::execute(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-pkg"),
+                                 {QStringLiteral("--identifier"), QStringLiteral("com.oktavo.test"),
+                                  QStringLiteral("--version"), QStringLiteral("1.0"), payload.path(),
+                                  catalogPath(QStringLiteral("packages/") + name)})
+            == 0;
+    }
+
     QByteArray package(const QString& name) const
     {
         QFile file(catalogPath(QStringLiteral("packages/") + name));
