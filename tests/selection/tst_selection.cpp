@@ -2,10 +2,12 @@
 // product trees, the real profiler stand-in) and the selection page as a
 // user drives it: ticks, "Show All", Next and the dialogs on the way.
 
+#include "../support/BundleCopy.h"
 #include "../support/DialogAnswerer.h"
 #include "../support/ProductTree.h"
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
+#include "../support/WizardDriver.h"
 
 #include "DlrHumanBytes.h"
 #include "DlrMachineAssay.h"
@@ -21,7 +23,6 @@
 #include <QScopeGuard>
 #include <QSignalSpy>
 
-#include <functional>
 
 namespace {
 
@@ -76,6 +77,9 @@ using Indices = QList<int>;
 Q_DECLARE_METATYPE(QMessageBox::StandardButton)
 
 // What both suites below need: a machine, a manifest and the wizard.
+using WizardDriver::runUntilExit;
+using WizardDriver::useServer;
+
 class SelectionFixture : public QObject
 {
 protected:
@@ -136,31 +140,7 @@ protected:
         return texts;
     }
 
-    void useServer(const VendorServer& server)
-    {
-        DlrApp* app = dlrApp();
-        app->alternateManifestFile.clear();
-        app->manifestServerScheme = QStringLiteral("https");
-        app->manifestServer = QStringLiteral("127.0.0.1:%1").arg(server.port);
-        app->manifestUrl = QStringLiteral("forum/currentproducts.php");
-        if (app->networkManager)
-            app->networkManager->clearConnectionCache();
-        app->sslErrorsAccepted = false;
-    }
-
     void tick(int row, bool on) { list()->item(row)->setCheckState(on ? Qt::Checked : Qt::Unchecked); }
-
-    // Runs the application's own event loop, starting with `action`, and
-    // gives the code the run ended with (99: nothing ended it).
-    static int runUntilExit(const std::function<void()>& action)
-    {
-        QTimer guard;
-        guard.setSingleShot(true);
-        QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(99); });
-        guard.start(30000);
-        QTimer::singleShot(0, action);
-        return dlrApp()->exec();
-    }
 
     void setUp()
     {
@@ -474,22 +454,12 @@ private slots:
     void cannotInstall()
     {
         QTemporaryDir bare;
-        const QString real = QCoreApplication::applicationDirPath() + QStringLiteral("/..");
-        const QString copy = bare.filePath(QStringLiteral("tests/tst_selection"));
-        QVERIFY(QDir(bare.path()).mkpath(QStringLiteral("tests")) && QDir(bare.path()).mkpath(QStringLiteral("libexec")));
-        QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), copy));
-        QVERIFY(QFile::link(real + QStringLiteral("/Resources"), bare.filePath(QStringLiteral("Resources"))));
-        QVERIFY(QFile::link(real + QStringLiteral("/libexec/system_profiler"),
-                            bare.filePath(QStringLiteral("libexec/system_profiler"))));
-        QProcess child;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("VLUM_BARE_BUNDLE"), QStringLiteral("1"));
-        child.setProcessEnvironment(env);
-        child.setProcessChannelMode(QProcess::MergedChannels);
-        child.start(copy, {QStringLiteral("-maxwarnings"), QStringLiteral("0")});
-        QVERIFY(child.waitForFinished(60000));
-        const QByteArray out = child.readAll();
-        QVERIFY2(child.exitCode() == 0 && out.contains("PASS   : TestBareBundle::cannotInstall()"), out.right(3000).constData());
+        const QString copy = makeBundleCopy(bare.path()); // no libexec/installer
+        QVERIFY(!copy.isEmpty());
+        QByteArray out;
+        const int code = runBundleCopy(copy, "VLUM_BARE_BUNDLE", {QStringLiteral("-maxwarnings"), QStringLiteral("0")},
+                                       60000, &out);
+        QVERIFY2(code == 0 && out.contains("PASS   : TestBareBundle::cannotInstall()"), out.right(3000).constData());
     }
 
     void manyOffers()

@@ -2,13 +2,17 @@
 
 // Answers the message boxes that open while it lives, the way a user
 // would, and remembers what they said. A box without the chosen answer
-// but with a single one is closed with that one.
+// but with a single one is closed with that one. A user who waits for
+// something before answering is a `ready` test, asked again and again
+// while the box is open.
 
 #include <QAbstractButton>
 #include <QApplication>
 #include <QMessageBox>
 #include <QStringList>
 #include <QTimer>
+
+#include <functional>
 
 class DialogAnswerer : public QObject
 {
@@ -19,8 +23,10 @@ public:
         timer.setInterval(20);
         QObject::connect(&timer, &QTimer::timeout, this, [this] {
             auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-            if (!box)
+            if (!box || (ready && !ready()))
                 return;
+            if (!texts.isEmpty() && !later.isEmpty())
+                this->answer = later.takeFirst();
             texts << box->text();
             informative << box->informativeText();
             details << box->detailedText();
@@ -45,9 +51,15 @@ public:
         timer.start();
     }
 
+    // One answer per box, in order, for the boxes that come after the
+    // first; the last one given then answers all the rest.
+    void thenAnswer(const QList<QMessageBox::StandardButton>& answers) { later = answers; }
+
+    std::function<bool()> ready;
     QStringList texts, informative, details;
 
 private:
     QMessageBox::StandardButton answer;
+    QList<QMessageBox::StandardButton> later;
     QTimer timer;
 };

@@ -1,0 +1,92 @@
+#pragma once
+
+// For suites that drive the real wizard in this process: point the
+// application at a local vendor server, run its own event loop until
+// something ends it, and watch its log lines as they are written.
+
+#include "VendorServer.h"
+
+#include "DlrApp.h"
+
+#include <QNetworkAccessManager>
+#include <QStringList>
+#include <QTimer>
+
+#include <functional>
+
+namespace WizardDriver {
+
+inline void useServer(const VendorServer& server)
+{
+    DlrApp* app = dlrApp();
+    app->alternateManifestFile.clear();
+    app->manifestServerScheme = QStringLiteral("https");
+    app->manifestServer = QStringLiteral("127.0.0.1:%1").arg(server.port);
+    app->manifestUrl = QStringLiteral("forum/currentproducts.php");
+    if (app->networkManager)
+        app->networkManager->clearConnectionCache();
+    app->sslErrorsAccepted = false;
+}
+
+// Runs the application's own event loop, starting with `action`, and gives
+// the code the run ended with (99: nothing ended it in time). Calling
+// QCoreApplication::exit with no loop running would break every later
+// nested loop of the process, so exits are always taken here.
+inline int runUntilExit(const std::function<void()>& action, int guardMs = 30000)
+{
+    QTimer guard;
+    guard.setSingleShot(true);
+    QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(99); });
+    guard.start(guardMs);
+    QTimer::singleShot(0, action);
+    return dlrApp()->exec();
+}
+
+} // namespace WizardDriver
+
+// Records every log message while it lives and passes each one on. A
+// `tap` sees each message as it is written, while the code that wrote it
+// is still running: the moment to look at what the user sees.
+class LogWatch
+{
+public:
+    LogWatch()
+    {
+        current = this;
+        previous = qInstallMessageHandler(record);
+    }
+    ~LogWatch()
+    {
+        qInstallMessageHandler(previous);
+        current = nullptr;
+    }
+    LogWatch(const LogWatch&) = delete;
+    LogWatch& operator=(const LogWatch&) = delete;
+
+    int count(const QString& start) const
+    {
+        int n = 0;
+        for (const QString& line : lines)
+            n += line.startsWith(start) ? 1 : 0;
+        return n;
+    }
+    bool contains(const QString& start) const { return count(start) > 0; }
+
+    QStringList lines;
+    std::function<void(const QString&)> tap;
+
+private:
+    static void record(QtMsgType type, const QMessageLogContext& context, const QString& message)
+    {
+        if (current) {
+            current->lines << message;
+            if (current->tap)
+                current->tap(message);
+        }
+        if (previous)
+            previous(type, context, message);
+    }
+
+    static inline LogWatch* current = nullptr;
+    static inline QtMessageHandler previous = nullptr;
+};
