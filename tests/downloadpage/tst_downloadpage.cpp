@@ -338,6 +338,26 @@ private slots:
         QTRY_COMPARE(installed(), (QStringList{"After.pkg", "Gated.pkg"}));
     }
 
+    // While-you-wait pictures run from 1 up, skip what is missing, and
+    // start over after the last (the bundle has 1 to 4; the page showed 1).
+    void whileYouWaitPictures()
+    {
+        serve({});
+        window.reset(new DlrMainWindow);
+        auto* artwork = page()->findChild<QLabel*>(QStringLiteral("downloadArtwork"));
+        QList<int> shown;
+        for (int pick = 0; pick < 6; ++pick) {
+            page()->nextWhileUWait();
+            const QImage image = artwork->pixmap(Qt::ReturnByValue).toImage();
+            for (int n = 1; n <= 19; ++n) {
+                const QByteArray name = QStringLiteral("whileUWait-%1.png").arg(n).toLatin1();
+                if (image == dlrApp()->LoadPixmapResource(name.constData()).toImage())
+                    shown << n;
+            }
+        }
+        QCOMPARE(shown, (QList<int>{2, 3, 4, 1, 2, 3}));
+    }
+
     // A complete package already in Downloads is installed as it is.
     void packageAlreadyOnDisk()
     {
