@@ -162,6 +162,7 @@ private slots:
     void progressAndLabels()
     {
         serve({{"A.pkg", 3000, {}}, {"B.pkg", 3000, {}}, {"Gated.pkg", 3000, {}}, {"D.PKG", 3000, {}}});
+        DialogAnswerer nobody(QMessageBox::Ok); // a run without a single question
         LogWatch log;
         QStringList atCompletion; // what the page shows the moment a download is done
         log.tap = [&](const QString& line) {
@@ -191,6 +192,7 @@ private slots:
 
         waitForFinishedPage();
         QCOMPARE(bar()->value(), 1000);
+        QCOMPARE(nobody.texts, QStringList());
         QCOMPARE(installed(), (QStringList{"A.pkg", "B.pkg", "Gated.pkg"}));
         QVERIFY(log.contains(QStringLiteral("Not running installer on  \"%1/D.PKG\"").arg(downloads)));
         QCOMPARE(QFileInfo(downloads + QStringLiteral("/D.PKG")).size(), qint64(3000));

@@ -4,10 +4,12 @@
 // would, and remembers what they said. A box without the chosen answer
 // but with a single one is closed with that one. A user who waits for
 // something before answering is a `ready` test, asked again and again
-// while the box is open.
+// while the box is open; after 20 s it answers anyway, so that a test
+// whose awaited event never comes fails instead of hanging.
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QElapsedTimer>
 #include <QMessageBox>
 #include <QStringList>
 #include <QTimer>
@@ -23,8 +25,15 @@ public:
         timer.setInterval(20);
         QObject::connect(&timer, &QTimer::timeout, this, [this] {
             auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-            if (!box || (ready && !ready()))
+            if (!box) {
+                waiting.invalidate();
                 return;
+            }
+            if (!waiting.isValid())
+                waiting.start();
+            if (ready && !ready() && !waiting.hasExpired(20000))
+                return;
+            waiting.invalidate();
             if (!texts.isEmpty() && !later.isEmpty())
                 this->answer = later.takeFirst();
             texts << box->text();
@@ -61,5 +70,6 @@ public:
 private:
     QMessageBox::StandardButton answer;
     QList<QMessageBox::StandardButton> later;
+    QElapsedTimer waiting; // since the open box was first seen
     QTimer timer;
 };
