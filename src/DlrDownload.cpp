@@ -260,17 +260,21 @@ void DlrDownload::back(bool checked)
         askBeforeStoppingDownload(product->matchName());
 }
 
+bool DlrDownload::confirmGoingBack(const QString& text, const QString& informative)
+{
+    QMessageBox box(QMessageBox::Critical, QString(), text, QMessageBox::Ok | QMessageBox::Cancel, this);
+    box.setDefaultButton(QMessageBox::Cancel); // staying is the safe answer
+    box.setInformativeText(informative);
+    return box.exec() == QMessageBox::Ok;
+}
+
 void DlrDownload::askBeforeLeavingInstall(const QString& name)
 {
     inBackDialog = true;
     installerFinishedInDialog = false;
-    QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("A Product Install Is In Progress"),
-                    QMessageBox::Ok | QMessageBox::Cancel, this);
-    box.setDefaultButton(QMessageBox::Cancel);
-    box.setInformativeText(QStringLiteral("Once ") + name
-                           + QStringLiteral(" is installed the Velluma Installer will go back"));
     // An installation cannot be stopped halfway: OK only means "then go back".
-    if (box.exec() == QMessageBox::Ok)
+    if (confirmGoingBack(QStringLiteral("A Product Install Is In Progress"),
+                         QStringLiteral("Once ") + name + QStringLiteral(" is installed the Velluma Installer will go back")))
         backAfterInstall = true;
     inBackDialog = false;
     if (installerFinishedInDialog) {
@@ -284,15 +288,12 @@ void DlrDownload::askBeforeStoppingDownload(const QString& name)
     inBackDialog = true;
     completedInDialog = false;
     failedInDialog = false;
-    QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("Download In Progress. Really go back?"),
-                    QMessageBox::Ok | QMessageBox::Cancel, this);
-    box.setDefaultButton(QMessageBox::Cancel);
-    box.setInformativeText(QStringLiteral("Pressing Ok will stop this download of ") + name
-                           + QStringLiteral(". Press Cancel to resume download and installation"));
-    const int answer = box.exec();
+    const bool goBack = confirmGoingBack(QStringLiteral("Download In Progress. Really go back?"),
+                                         QStringLiteral("Pressing Ok will stop this download of ") + name
+                                             + QStringLiteral(". Press Cancel to resume download and installation"));
     inBackDialog = false;
 
-    if (answer == QMessageBox::Ok) {
+    if (goBack) {
         // The failure report that the abort causes is not the user's concern.
         downloadAbandoned = true;
         if (!completedInDialog && !failedInDialog && downloadReply)

@@ -52,6 +52,7 @@ private:
     void nextDownloadKeepingAmount();
     void installDownloaded(int manifestIndex);
     void askAboutFailedDownload(const QString& reason);
+    bool confirmGoingBack(const QString& text, const QString& informative);
     void askBeforeLeavingInstall(const QString& name);
     void askBeforeStoppingDownload(const QString& name);
     // The next picture of the "while you wait" sequence: numbered from 1,

@@ -91,17 +91,7 @@ class TestDownloadPage : public QObject
         server.writeCatalogFile(QStringLiteral("manifest.xml"), manifestFor(offers));
     }
 
-    // Login, then the selection page with every offer ticked, then Next.
-    void enterDownloads()
-    {
-        window.reset(new DlrMainWindow);
-        window->show();
-        window->next();
-        auto* selection = qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage));
-        QTRY_VERIFY_WITH_TIMEOUT(selection->isComplete(), 20000);
-        window->next();
-        QCOMPARE(window->currentId(), int(DlrMainWindow::DownloadPage));
-    }
+    void enterDownloads() { WizardDriver::enterDownloads(window); }
 
     void openGates(const QString& package, int last = 5)
     {

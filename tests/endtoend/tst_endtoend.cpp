@@ -9,6 +9,7 @@
 #include "../support/DialogAnswerer.h"
 #include "../support/HelperProcess.h"
 #include "../support/TestMain.h"
+#include "../support/UrlCatcher.h"
 #include "../support/VendorServer.h"
 #include "../support/WizardDriver.h"
 
@@ -36,16 +37,6 @@ const QString kBridgeFolder = QStringLiteral("VellumaForMaya-22.0-maya2018");
 const QString kScenesFolder = QStringLiteral("Velluma Sample Scenes 22.0");
 
 } // namespace
-
-// Stands in for the browser: records every address the program opens.
-class UrlCatcher : public QObject
-{
-    Q_OBJECT
-public:
-    QList<QUrl> opened;
-public slots:
-    void open(const QUrl& url) { opened << url; }
-};
 
 class TestEndToEnd : public QObject
 {
@@ -85,18 +76,7 @@ class TestEndToEnd : public QObject
                         QStringLiteral("/packages/%1?%2<").arg(package, query.toHtmlEscaped())}});
     }
 
-    // Login, the selection page as the rules fill it, Next: the downloads
-    // and installations then run by themselves.
-    void startRun()
-    {
-        window.reset(new DlrMainWindow);
-        window->show();
-        window->next();
-        auto* selection = qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage));
-        QTRY_VERIFY_WITH_TIMEOUT(selection->isComplete(), 20000);
-        window->next();
-        QCOMPARE(window->currentId(), int(DlrMainWindow::DownloadPage));
-    }
+    void startRun() { WizardDriver::enterDownloads(window); }
 
     void waitForFinishedPage()
     {

@@ -7,10 +7,13 @@
 #include "VendorServer.h"
 
 #include "DlrApp.h"
+#include "DlrMainWindow.h"
+#include "DlrSelection.h"
 
 #include <QNetworkAccessManager>
 #include <QStringList>
 #include <QTimer>
+#include <QtTest>
 
 #include <functional>
 
@@ -40,6 +43,20 @@ inline int runUntilExit(const std::function<void()>& action, int guardMs = 30000
     guard.start(guardMs);
     QTimer::singleShot(0, action);
     return dlrApp()->exec();
+}
+
+// A fresh wizard, walked as a user would: login, then the selection page as
+// the survey and the product list fill it, then Next, which starts the
+// downloads and installations.
+inline void enterDownloads(QScopedPointer<DlrMainWindow>& window)
+{
+    window.reset(new DlrMainWindow);
+    window->show();
+    window->next();
+    auto* selection = qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage));
+    QTRY_VERIFY_WITH_TIMEOUT(selection->isComplete(), 20000);
+    window->next();
+    QCOMPARE(window->currentId(), int(DlrMainWindow::DownloadPage));
 }
 
 } // namespace WizardDriver

@@ -2,6 +2,7 @@
 // would: key presses, clicks, and the addresses handed to the browser.
 
 #include "../support/TestMain.h"
+#include "../support/UrlCatcher.h"
 
 #include "DlrApp.h"
 #include "DlrDownload.h"
@@ -15,16 +16,6 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
-
-// Stands in for the browser: records every address the program opens.
-class UrlCatcher : public QObject
-{
-    Q_OBJECT
-public:
-    QList<QUrl> opened;
-public slots:
-    void open(const QUrl& url) { opened << url; }
-};
 
 class TestWizard : public QObject
 {
