@@ -70,10 +70,12 @@ void DlrDownload::initializePage()
     downloadAbandoned = false;
     amount->clear();
 
-    requestNextDownload();
-
     // On this page Back asks before it stops a download or leaves an
     // installation behind, so the wizard's own button makes way for ours.
+    // This comes before the first product is started: when that product
+    // ends at once (already on disk, then skipped or not installable), the
+    // wizard moves on to the finished page from inside this call, and its
+    // buttons must not be overwritten afterwards.
     QWizard* wizard = this->wizard();
     wizard->setButtonLayout({QWizard::Stretch, QWizard::CustomButton1, QWizard::NextButton, QWizard::FinishButton});
     wizard->setButtonText(QWizard::CustomButton1, wizard->buttonText(QWizard::BackButton));
@@ -81,6 +83,8 @@ void DlrDownload::initializePage()
         connect(wizard->button(QWizard::CustomButton1), &QAbstractButton::clicked, this, &DlrDownload::back);
         backButtonConnected = true;
     }
+
+    requestNextDownload();
 }
 
 void DlrDownload::cleanupPage()
