@@ -14,6 +14,7 @@
 #include <QNetworkReply>
 #include <QProgressBar>
 #include <QRegExp>
+#include <QScopedValueRollback>
 #include <QTimer>
 #include <QVBoxLayout>
 #include <QWizard>
@@ -72,10 +73,6 @@ void DlrDownload::initializePage()
 
     // On this page Back asks before it stops a download or leaves an
     // installation behind, so the wizard's own button makes way for ours.
-    // This comes before the first product is started: when that product
-    // ends at once (already on disk, then skipped or not installable), the
-    // wizard moves on to the finished page from inside this call, and its
-    // buttons must not be overwritten afterwards.
     QWizard* wizard = this->wizard();
     wizard->setButtonLayout({QWizard::Stretch, QWizard::CustomButton1, QWizard::NextButton, QWizard::FinishButton});
     wizard->setButtonText(QWizard::CustomButton1, wizard->buttonText(QWizard::BackButton));
@@ -84,6 +81,7 @@ void DlrDownload::initializePage()
         backButtonConnected = true;
     }
 
+    const QScopedValueRollback<bool> entry(entering, true);
     requestNextDownload();
 }
 
@@ -240,7 +238,13 @@ void DlrDownload::nextDownloadKeepingAmount()
         position = -1;
         allDone = true;
         emit completeChanged();
-        wizard()->next();
+        // The wizard cannot move on from inside its own move to this page
+        // (the whole run can end there: products already on disk that are
+        // skipped or cannot be installed); it does so just after.
+        if (entering)
+            QTimer::singleShot(0, wizard(), &QWizard::next);
+        else
+            wizard()->next();
         return;
     }
     QTimer::singleShot(1, this, &DlrDownload::requestNextDownload);

@@ -72,6 +72,7 @@ private:
     bool downloadAbandoned = false;
     int whileUWaitIndex = 1;
     bool backButtonConnected = false;
+    bool entering = false; // initializePage() is running
 
     // A confirmation dialog of back() is open; ends that arrive meanwhile
     // are parked here and handled once it closes.

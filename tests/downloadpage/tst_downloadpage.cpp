@@ -368,6 +368,20 @@ private slots:
         QCOMPARE(statusAtInstall, QStringList{"Download/Installing"}); // never "Downloading ..."
     }
 
+    // A run that ends while the page is being entered (its one product is
+    // on disk and is no package) lands on the finished page with only
+    // Finish, not with this page's buttons.
+    void runEndsOnEntry()
+    {
+        serve({{"Notes.zip", 500, {}}});
+        QVERIFY(QFile::copy(server.catalogPath(QStringLiteral("packages/Notes.zip")), downloads + QStringLiteral("/Notes.zip")));
+        enterDownloads();
+        waitForFinishedPage();
+        QVERIFY(window->button(QWizard::FinishButton)->isVisible());
+        QVERIFY(!backButton()->isVisible());
+        QVERIFY(!window->button(QWizard::BackButton)->isVisible());
+    }
+
     // The engine refuses to start the page's download (here it is busy
     // with another): the user is told, and the run ends with 0.
     void downloadCannotStart()

@@ -56,7 +56,8 @@ inline void enterDownloads(QScopedPointer<DlrMainWindow>& window)
     auto* selection = qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage));
     QTRY_VERIFY_WITH_TIMEOUT(selection->isComplete(), 20000);
     window->next();
-    QCOMPARE(window->currentId(), int(DlrMainWindow::DownloadPage));
+    // A run with nothing left to fetch or install ends on entering the page.
+    QVERIFY(window->currentId() >= int(DlrMainWindow::DownloadPage));
 }
 
 } // namespace WizardDriver
