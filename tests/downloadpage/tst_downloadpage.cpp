@@ -210,8 +210,8 @@ private slots:
         QFETCH(QMessageBox::StandardButton, answer);
         QFETCH(QString, whileOpen);
         QFETCH(QString, outcome);
-        const QString faults = whileOpen == QLatin1String("failed") ? QStringLiteral("throttle=200000&drop_after=150000")
-                                                                    : QStringLiteral("throttle=200000");
+        const QString faults = whileOpen == QLatin1String("failed") ? QStringLiteral("throttle=100000&drop_after=200000")
+                                                                    : QStringLiteral("throttle=100000");
         serve({{"Slow.pkg", 300000, faults}});
         LogWatch log;
         enterDownloads();
