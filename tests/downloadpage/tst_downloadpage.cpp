@@ -16,7 +16,6 @@
 #include "DlrHumanBytes.h"
 #include "DlrMainWindow.h"
 #include "DlrPlatform.h"
-#include "DlrSelection.h"
 
 #include <QAbstractButton>
 #include <QLabel>
@@ -387,11 +386,7 @@ private slots:
     void downloadCannotStart()
     {
         serve({{"Busy.pkg", 400000, QStringLiteral("throttle=100000")}, {"Mine.pkg", 1000, {}}});
-        window.reset(new DlrMainWindow);
-        window->show();
-        window->next();
-        auto* selection = qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage));
-        QTRY_VERIFY_WITH_TIMEOUT(selection->isComplete(), 20000);
+        WizardDriver::enterSelection(window);
         QNetworkReply* other = dlrApp()->DownloadProduct(0);
         QVERIFY(other);
         // The page goes first, so that the abort's failure report finds no one.

@@ -16,7 +16,6 @@
 #include "DlrDownload.h"
 #include "DlrMainWindow.h"
 #include "DlrNetworkError.h"
-#include "DlrSelection.h"
 
 #include <QAbstractButton>
 #include <QDesktopServices>

@@ -15,6 +15,7 @@
 #include <QTimer>
 #include <QtTest>
 
+#include <algorithm>
 #include <functional>
 
 namespace WizardDriver {
@@ -45,16 +46,21 @@ inline int runUntilExit(const std::function<void()>& action, int guardMs = 30000
     return dlrApp()->exec();
 }
 
-// A fresh wizard, walked as a user would: login, then the selection page as
-// the survey and the product list fill it, then Next, which starts the
-// downloads and installations.
-inline void enterDownloads(QScopedPointer<DlrMainWindow>& window)
+// A fresh wizard, walked as a user would: login, then the selection page
+// until the survey and the product list have filled it.
+inline void enterSelection(QScopedPointer<DlrMainWindow>& window)
 {
     window.reset(new DlrMainWindow);
     window->show();
     window->next();
     auto* selection = qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage));
     QTRY_VERIFY_WITH_TIMEOUT(selection->isComplete(), 20000);
+}
+
+// The same walk, then Next, which starts the downloads and installations.
+inline void enterDownloads(QScopedPointer<DlrMainWindow>& window)
+{
+    enterSelection(window);
     window->next();
     // A run with nothing left to fetch or install ends on entering the page.
     QVERIFY(window->currentId() >= int(DlrMainWindow::DownloadPage));
@@ -81,14 +87,10 @@ public:
     LogWatch(const LogWatch&) = delete;
     LogWatch& operator=(const LogWatch&) = delete;
 
-    int count(const QString& start) const
+    bool contains(const QString& start) const
     {
-        int n = 0;
-        for (const QString& line : lines)
-            n += line.startsWith(start) ? 1 : 0;
-        return n;
+        return std::any_of(lines.cbegin(), lines.cend(), [&start](const QString& line) { return line.startsWith(start); });
     }
-    bool contains(const QString& start) const { return count(start) > 0; }
 
     QStringList lines;
     std::function<void(const QString&)> tap;
