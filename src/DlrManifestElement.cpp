@@ -16,6 +16,12 @@ void DlrManifestElement::GetBuildId(int& buildId) const
     buildId = ok ? value : 0;
 }
 
+bool DlrManifestElement::HasPlainName() const
+{
+    return !Name.isEmpty() && Name != QLatin1String(".") && Name != QLatin1String("..")
+        && !Name.contains(QLatin1Char('/')) && !Name.contains(QChar(0));
+}
+
 bool DlrManifestElement::GetIsCoreServer() const
 {
     return matchName().contains(QLatin1String("CoreServer"));

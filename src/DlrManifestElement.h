@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QFile>
 #include <QList>
 #include <QSharedPointer>
@@ -29,6 +30,11 @@ public:
     // Copies of an offer share its file object; the last copy to go frees
     // it, so the list and the download engine never free it twice.
     QSharedPointer<QFile> downloadFile;
+    // What a failed download left behind, so that a retry continues it: the
+    // temporary file, and the validator (ETag, else Last-Modified) of the
+    // response that filled it. No validator means the retry starts over.
+    QString partialFile;
+    QByteArray partialValidator;
     VersionStruct version;
 
     void GetBuildId(int& buildId) const;
@@ -47,6 +53,10 @@ public:
     VersionStruct GetMajorVersion();
 
     static int FindHighestVersionOfProduct(const QList<DlrManifestElement>& offers, QRegExp& product);
+
+    // True when Name is a bare file name that cannot leave the download
+    // folder: not empty, not "." or "..", no "/" and no NUL.
+    bool HasPlainName() const;
 
     // SimpleName when given, Name otherwise: every name test, version
     // reading and list label uses it.

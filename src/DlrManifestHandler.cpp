@@ -72,7 +72,8 @@ bool DlrManifestHandler::characters(const QString& ch)
     case FileSizeField: {
         bool ok = false;
         const qint64 size = ch.toLongLong(&ok, 10);
-        offer.FileSize = ok ? size : 0;
+        // 0 stands for unknown: a negative size would lower the space needed.
+        offer.FileSize = ok && size > 0 ? size : 0;
         break;
     }
     case DefaultBehaviorField:

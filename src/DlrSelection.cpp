@@ -10,6 +10,8 @@
 #include <QMessageBox>
 #include <QVBoxLayout>
 
+#include <limits>
+
 DlrSelection::DlrSelection(QWidget* parent)
     : QWizardPage(parent)
 {
@@ -167,8 +169,11 @@ bool DlrSelection::validatePage()
             return false;
         }
         picked << index;
-        // Room for the package and for what it installs.
-        needed += 2 * app->manifest.at(index).FileSize;
+        // Room for the package and for what it installs; an unknown size adds
+        // nothing, and a sum past what fits stays at the largest need.
+        const qint64 size = qMax<qint64>(0, app->manifest.at(index).FileSize);
+        if (__builtin_add_overflow(needed, size, &needed) || __builtin_add_overflow(needed, size, &needed))
+            needed = std::numeric_limits<qint64>::max();
     }
 
     if (picked.isEmpty()) {

@@ -74,8 +74,14 @@ void DlrSelection::chooseDownloads()
 {
     QList<DlrManifestElement>& manifest = dlrApp()->manifest;
     OfferTree tree;
-    for (DlrManifestElement& offer : manifest)
+    for (DlrManifestElement& offer : manifest) {
+        // Its package could not be kept inside the download folder.
+        if (!offer.HasPlainName()) {
+            qDebug() << "Not listing" << offer.Name << ": not a plain file name";
+            continue;
+        }
         tree.InsertOffer(&offer);
+    }
     tree.DebugPrint();
 
     // The newest version is always considered; older ones only where a core
@@ -103,7 +109,8 @@ void DlrSelection::chooseDownloads()
             qDebug() << "no url for product " << offer.Name;
             continue;
         }
-        if (automatic.contains(i) || offer.FileSize == 0)
+        // An unknown size (0) is listed only when the rules chose the offer.
+        if (automatic.contains(i) || offer.FileSize <= 0 || !offer.HasPlainName())
             continue;
         const QString behavior =
             offer.DefaultBehavior.isEmpty() ? QStringLiteral("automatic") : offer.DefaultBehavior;
