@@ -1,6 +1,6 @@
 """Runs the real vendor server as a child process and talks to it over sockets.
 python3 -m unittest tools/test_vendor_server.py"""
-import http.client, json, os, re, select, signal, socket, ssl, subprocess, sys, tempfile, time, unittest
+import email.utils, http.client, json, os, re, select, signal, socket, ssl, subprocess, sys, tempfile, time, unittest
 import xml.etree.ElementTree as ET
 
 SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vendor-server")
@@ -19,7 +19,8 @@ def setUpModule():
     unittest.addModuleCleanup(CATALOG.cleanup)
     os.mkdir(os.path.join(CATALOG.name, "packages"))
     files = {"users.json": json.dumps({"users": {"a&amp;b": "p&w \u00fc", "demo": "velluma"}}).encode(),
-             "manifest.xml": TEMPLATE, "other.xml": b"<Manifest/>", "packages/one.pkg": PACKAGE}
+             "manifest.xml": TEMPLATE, "other.xml": b"<Manifest/>", "packages/one.pkg": PACKAGE,
+             "packages/two.pkg": b"older"}
     for name, data in files.items():
         with open(os.path.join(CATALOG.name, name), "wb") as f:
             f.write(data)
@@ -160,7 +161,9 @@ class Requests(unittest.TestCase):
                 # A flaky network: the first request is dropped, the second is whole.
                 ("flaky, first try", "/packages/one.pkg?drop_after=1000&fault_times=1", 200, PACKAGE[:1000], 0),
                 ("flaky, second try", "/packages/one.pkg?drop_after=1000&fault_times=1", 200, PACKAGE, 0),
-                ("bad fault count", "/packages/one.pkg?fault_times=x", 400, None, 0)]
+                ("bad fault count", "/packages/one.pkg?fault_times=x", 400, None, 0),
+                ("bad length switch", "/packages/one.pkg?no_length=yes", 400, None, 0),
+                ("bad stall", "/packages/one.pkg?stall_after=x", 400, None, 0)]
         for name, url, status, content, at_least in rows:
             with self.subTest(name):
                 start = time.monotonic()
@@ -171,6 +174,92 @@ class Requests(unittest.TestCase):
                     self.assertEqual(reply.getheader("Content-Length"), str(len(PACKAGE)))
                     self.assertEqual(got, content)
 
+    def test_ranges_data(self):
+        # A wrong slice or length, a range kept for a changed file, validators missing or unstable.
+        conn = self.server.connect()  # kept alive: a wrong length would garble the next reply
+        head, _ = fetch(conn, "HEAD", "/packages/one.pkg", keep=True)
+        etag, modified = head.getheader("ETag"), head.getheader("Last-Modified")
+        mtime = os.stat(os.path.join(CATALOG.name, "packages", "one.pkg")).st_mtime
+        self.assertEqual(modified, email.utils.formatdate(mtime, usegmt=True))
+        rows = [("from an offset", "bytes=1000-", None, "", 206, "bytes 1000-299999/300000"),
+                ("closed", "bytes=100-199", None, "", 206, "bytes 100-199/300000"),
+                ("end past the file", "bytes=299990-400000", None, "", 206, "bytes 299990-299999/300000"),
+                ("start past the file", "bytes=300000-", None, "", 416, "bytes */300000"),
+                ("several ranges: whole", "bytes=0-1,5-6", None, "", 200, None),
+                ("backwards: whole", "bytes=5-2", None, "", 200, None),
+                ("If-Range by ETag", "bytes=100-199", etag, "", 206, "bytes 100-199/300000"),
+                ("If-Range by date", "bytes=100-199", modified, "", 206, "bytes 100-199/300000"),
+                ("If-Range weak: whole", "bytes=100-199", "W/" + etag, "", 200, None),
+                ("dropped slice", "bytes=100-", None, "?drop_after=50", 206, "bytes 100-299999/300000")]
+        for name, wanted, if_range, query, status, content_range in rows:
+            with self.subTest(name):
+                headers = {"Range": wanted, **({"If-Range": if_range} if if_range else {})}
+                reply, body = fetch(conn, "GET", "/packages/one.pkg" + query, headers=headers, keep=not query)
+                self.assertEqual((reply.status, reply.getheader("Content-Range")), (status, content_range))
+                if status == 416:
+                    continue
+                first, last = map(int, re.findall(r"\d+", content_range or "0-299999")[:2])
+                self.assertEqual(reply.getheader("Content-Length"), str(last - first + 1))
+                self.assertEqual(body, PACKAGE[first:last + 1][:50 if query else None])  # 50: dropped
+                self.assertEqual((reply.getheader("ETag"), reply.getheader("Accept-Ranges")), (etag, "bytes"))
+        # Rewritten with the same size a moment later: a new ETag, and no range against the old one.
+        path = os.path.join(CATALOG.name, "packages", "two.pkg")
+        tags = [fetch(conn, "HEAD", "/packages/two.pkg", keep=True)[0].getheader("ETag") for _ in range(2)]
+        before = os.stat(path)
+        with open(path, "wb") as f:
+            f.write(b"newer")
+        os.utime(path, ns=(before.st_atime_ns, before.st_mtime_ns + 1000000))
+        reply, body = fetch(conn, "GET", "/packages/two.pkg", headers={"Range": "bytes=1-", "If-Range": tags[0]})
+        self.assertEqual(tags[0], tags[1])
+        self.assertNotEqual(reply.getheader("ETag"), tags[0])
+        self.assertEqual((reply.status, body), (200, b"newer"))
+
+
+class BodyEnds(unittest.TestCase):
+    def test_body_ends_data(self):
+        # A length sent anyway, a stall that ends or sends too much, a clean end and a cut told
+        # apart wrongly (TLS close_notify), a stalled connection holding up others or the stop.
+        servers = {(): [
+            ("GET", "/packages/one.pkg?no_length=1", False, PACKAGE, "close"),
+            ("GET", "/packages/one.pkg?no_length=1&drop_after=1000", False, PACKAGE[:1000], "cut"),
+            ("POST", "/forum/currentproducts.php?validation=approved-xyz&stall_after=10", True, b"<Manifest>", "stall"),
+            ("GET", "/packages/one.pkg?no_length=1&stall_after=999999", False, PACKAGE, "stall")],
+            ("--http", "--no-length", "--stall-after", "100"): [
+            ("GET", "/packages/one.pkg", False, PACKAGE[:100], "stall"),
+            ("GET", "/packages/one.pkg?stall_after=", False, PACKAGE, "close"),
+            ("GET", "/packages/one.pkg?stall_after=5&fault_times=1", False, PACKAGE[:5], "stall"),
+            ("GET", "/packages/one.pkg?stall_after=5&fault_times=1", True, PACKAGE, "close")]}
+        for args, rows in servers.items():
+            server, held = Server(*args), []
+            try:
+                for method, url, has_length, content, end in rows:
+                    with self.subTest(args=args, url=url):
+                        sock = socket.create_connection(("127.0.0.1", server.port), timeout=30)
+                        if server.scheme == "https":
+                            sock = server.context.wrap_socket(sock, server_hostname="127.0.0.1",
+                                                              suppress_ragged_eofs=False)
+                        held.append(sock)
+                        sock.sendall(b"%s %s HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\n"
+                                     b"Connection: close\r\n\r\n" % (method.encode(), url.encode()))
+                        data, how = b"", None
+                        try:
+                            while how is None:
+                                head, sep, body = data.partition(b"\r\n\r\n")
+                                if sep and len(body) >= len(content):
+                                    sock.settimeout(1)  # all in: from now on, silence is a stall
+                                chunk = sock.recv(65536)
+                                data, how = data + chunk, None if chunk else "close"
+                        except TimeoutError:
+                            how = "stall"
+                        except ssl.SSLEOFError:
+                            how = "cut"
+                        self.assertEqual((head[:12], body, how), (b"HTTP/1.1 200", content, end))
+                        self.assertEqual(b"\r\ncontent-length:" in head.lower(), has_length)
+            finally:
+                self.assertEqual(server.stop(), (0, ""), "stop held up by a stalled connection")
+                for sock in held:
+                    sock.close()
+
 
 class CommandLineSwitches(unittest.TestCase):
     def test_query_overrides_command_line(self):
@@ -178,14 +267,17 @@ class CommandLineSwitches(unittest.TestCase):
         server = Server("--http", "--drop-after", "10", "--validation", "bare-error")
         manifest = "/forum/currentproducts.php?drop_after="
         base = b"http://127.0.0.1:%d/packages/one.pkg" % server.port
-        rows = [("GET", "/packages/one.pkg", None, lambda body: body == PACKAGE[:10]),
-                ("GET", "/packages/one.pkg?drop_after=", None, lambda body: body == PACKAGE),
-                ("POST", manifest, "Error", lambda body: body == b""),
-                ("POST", manifest + "&validation=normal", "Approved", lambda body: base in body)]
+        rows = [("GET", "/packages/one.pkg", {}, None, lambda body: body == PACKAGE[:10]),
+                ("GET", "/packages/one.pkg?drop_after=", {}, None, lambda body: body == PACKAGE),
+                ("GET", "/packages/one.pkg?drop_after=", {"Range": "bytes=299000-"}, None,
+                 lambda body: body == PACKAGE[299000:]),
+                ("POST", manifest, {}, "Error", lambda body: body == b""),
+                ("POST", manifest + "&validation=normal", {}, "Approved", lambda body: base in body)]
         try:
-            for method, url, validation, check in rows:
-                with self.subTest(url):
-                    reply, body = fetch(server.connect(), method, url, *multipart(GOOD))
+            for method, url, headers, validation, check in rows:
+                with self.subTest(url, **headers):
+                    form, form_headers = multipart(GOOD)
+                    reply, body = fetch(server.connect(), method, url, form, {**form_headers, **headers})
                     self.assertEqual(reply.getheader("Validation"), validation)
                     self.assertTrue(check(body), body[:200])
         finally:
