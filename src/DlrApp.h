@@ -62,7 +62,14 @@ public:
     void CheckForDownload(int manifestIndex);
     QNetworkReply* DownloadProduct(int manifestIndex);
     QString getDownloadPath(int manifestIndex);
+    // Where an offer's package lives in the download folder under its plain
+    // final name; empty when its Name could leave the folder.
+    QString getFinalPath(const DlrManifestElement& offer);
     static QString getFinalNameFromTempName(const QString& tempName);
+    // Why a transfer that ended without a network error is not the whole
+    // package: the bytes written against the total the server announced
+    // (-1: none) and the offer's size (0: unknown). Empty when they agree.
+    static QString DownloadShortfall(qint64 written, qint64 announced, qint64 fileSize);
 
     std::unique_ptr<DlrMainWindow> mainWindow;
     // The offers of the current manifest; a manifest index is a position here.
@@ -81,12 +88,22 @@ public:
     QString alternateManifestFile;
     QString appendManifestFile;
     bool dumpManifest = false;
+    // Seconds a request may go without moving a byte before it fails
+    // (settings key "transfertimeout").
+    int transferTimeout = 30;
 
     // Server and download state.
     QNetworkAccessManager* networkManager = nullptr; // child of this object
     QNetworkReply* manifestReply = nullptr;          // not owned
     QNetworkReply* downloadReply = nullptr;          // not owned
     int downloadIndex = -1;
+    // The download in flight: bytes its file held when the reply began (a
+    // resumed download), bytes in the file now, whether the response's
+    // status has been looked at, and whether its body is thrown away.
+    qint64 downloadOffset = 0;
+    qint64 downloadWritten = 0;
+    bool downloadStarted = false;
+    bool downloadDiscarding = false;
     std::unique_ptr<char[]> downloadBuffer;
     std::unique_ptr<QDir> downloadDir;
     bool sslErrorsAccepted = false;
@@ -119,6 +136,8 @@ private:
     void loadLocalManifest(const QString& path, const char* loading, const char* added);
     void finishedDownload(QNetworkReply* reply);
     void getDownloadBuffer();
+    bool startDownloadBody(DlrManifestElement& offer, QFile& file);
+    QString completeDownloadFile(QFile& file);
     void dropDownloadFile(int manifestIndex, const QSharedPointer<QFile>& file);
 
     void loadSettings();

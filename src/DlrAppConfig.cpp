@@ -98,6 +98,11 @@ void DlrApp::loadSettings()
         logLevel = 0;
     if (settings->contains(QStringLiteral("dumpManifest")))
         dumpManifest = settings->value(QStringLiteral("dumpManifest")).toInt() != 0;
+    // Whole seconds from one to a day; anything else keeps the default.
+    bool ok = false;
+    const int timeout = settingText(settings->value(QStringLiteral("transfertimeout"))).trimmed().toInt(&ok);
+    if (ok && timeout > 0)
+        transferTimeout = qMin(timeout, 24 * 3600);
 }
 
 void DlrApp::parseEnvironment()

@@ -6,12 +6,18 @@
 #include "DlrHumanBytes.h"
 #include "DlrMachineAssay.h"
 #include "DlrNetworkError.h"
+#include "DlrTransferTimeout.h"
 
 #include <QDebug>
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QRegularExpression>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -24,6 +30,60 @@ const QLatin1String kTempSuffix("vlumdownload");
 bool usableDir(const QDir& dir)
 {
     return dir.exists() && QFileInfo(dir.absolutePath()).isWritable();
+}
+
+// A file someone else put in the download folder (a shared temporary folder
+// is the fallback) is never taken for ours: it must be a regular file, not
+// a link, owned by the user running the wizard. Gives its size, or -1.
+qint64 ownRegularFileSize(const QString& path)
+{
+    struct stat info {};
+    if (::lstat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISREG(info.st_mode)
+        || info.st_uid != ::geteuid())
+        return -1;
+    return info.st_size;
+}
+
+// True when the open file is the one at path (no link swapped in between)
+// and one of ours; the checks above, on what was actually opened.
+bool isOpenedOwnFile(const QFile& file)
+{
+    struct stat opened {};
+    struct stat named {};
+    return ::fstat(file.handle(), &opened) == 0 && ::lstat(QFile::encodeName(file.fileName()).constData(), &named) == 0
+        && S_ISREG(opened.st_mode) && opened.st_uid == ::geteuid() && opened.st_nlink == 1
+        && opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+bool syncFolderOf(const QString& path)
+{
+    const int fd = ::open(QFile::encodeName(QFileInfo(path).absolutePath()).constData(),
+                          O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool synced = ::fsync(fd) == 0;
+    ::close(fd);
+    return synced;
+}
+
+// The validator a resumed request sends in If-Range: a strong ETag, else
+// the Last-Modified date; empty when the server gave neither.
+QByteArray validatorOf(const QNetworkReply* reply)
+{
+    const QByteArray etag = reply->rawHeader("ETag");
+    if (!etag.isEmpty() && !etag.startsWith("W/"))
+        return etag;
+    return reply->rawHeader("Last-Modified");
+}
+
+// The first byte a 206 answer covers ("bytes N-M/T"), or -1.
+qint64 rangeStartOf(const QNetworkReply* reply)
+{
+    static const QRegularExpression range(QStringLiteral("^bytes (\\d+)-\\d+/(\\d+|\\*)$"));
+    const QRegularExpressionMatch match = range.match(QString::fromLatin1(reply->rawHeader("Content-Range")).trimmed());
+    bool ok = false;
+    const qint64 start = match.hasMatch() ? match.captured(1).toLongLong(&ok) : -1;
+    return ok ? start : -1;
 }
 
 } // namespace
@@ -60,6 +120,13 @@ QDir* DlrApp::GetDownloadDir()
     return downloadDir.get();
 }
 
+QString DlrApp::getFinalPath(const DlrManifestElement& offer)
+{
+    if (!offer.HasPlainName())
+        return QString();
+    return GetDownloadDir()->absolutePath() + QLatin1Char('/') + offer.Name;
+}
+
 void DlrApp::CheckForDownload(int manifestIndex)
 {
     if (manifestIndex < 0 || manifestIndex >= manifest.size()) {
@@ -67,11 +134,16 @@ void DlrApp::CheckForDownload(int manifestIndex)
         return;
     }
     DlrManifestElement& offer = manifest[manifestIndex];
-    const QFileInfo existing(GetDownloadDir()->absoluteFilePath(offer.Name));
-    qDebug() << "Looking for download of" << existing.absoluteFilePath();
-    if (existing.exists() && existing.size() == offer.FileSize) {
+    const QString path = getFinalPath(offer);
+    if (path.isEmpty()) {
+        qDebug() << "Not looking for a download named" << offer.Name;
+        return;
+    }
+    qDebug() << "Looking for download of" << path;
+    // An offer of unknown size cannot prove a file on disk complete.
+    if (offer.FileSize > 0 && ownRegularFileSize(path) == offer.FileSize) {
         qDebug() << "Found existing download";
-        offer.downloadFile = QSharedPointer<QFile>::create(existing.absoluteFilePath());
+        offer.downloadFile = QSharedPointer<QFile>::create(path);
         offer.downloaded = true;
     }
 }
@@ -91,18 +163,51 @@ QNetworkReply* DlrApp::DownloadProduct(int manifestIndex)
         qDebug() << "Asked to download " << offer.Name << " again";
         return nullptr;
     }
-
-    const QString tempPath = getDownloadPath(manifestIndex);
-    offer.downloadFile = QSharedPointer<QFile>::create(tempPath);
-    if (!offer.downloadFile->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        qDebug() << "Couldn't open temp file for write" << tempPath << "errcode" << offer.downloadFile->error();
+    if (!offer.HasPlainName()) {
+        qDebug() << "Refusing to download to" << offer.Name;
         return nullptr;
     }
 
+    // A retry continues the file the failed try left, when it is still ours.
+    QString tempPath;
+    if (!offer.partialFile.isEmpty() && ownRegularFileSize(offer.partialFile) >= 0) {
+        tempPath = offer.partialFile;
+        offer.downloadFile = QSharedPointer<QFile>::create(tempPath);
+        if (!offer.downloadFile->open(QIODevice::WriteOnly | QIODevice::Append) || !isOpenedOwnFile(*offer.downloadFile)
+            || (offer.partialValidator.isEmpty() && !offer.downloadFile->resize(0))) {
+            qDebug() << "Couldn't reopen partial download" << tempPath;
+            offer.downloadFile->close();
+            tempPath.clear();
+        }
+    }
+    if (tempPath.isEmpty()) {
+        offer.partialFile.clear();
+        offer.partialValidator.clear();
+        tempPath = getDownloadPath(manifestIndex);
+        offer.downloadFile = QSharedPointer<QFile>::create(tempPath);
+        // Never through a link or over a file someone put there meanwhile.
+        if (!offer.downloadFile->open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+            qDebug() << "Couldn't open temp file for write" << tempPath << "errcode" << offer.downloadFile->error();
+            return nullptr;
+        }
+    }
+    downloadOffset = offer.downloadFile->size();
+    downloadWritten = downloadOffset;
+    downloadStarted = false;
+    downloadDiscarding = false;
+
     qDebug() << "downloading " << (offer.SimpleName.isEmpty() ? offer.Name : offer.SimpleName) << "from"
-             << offer.DownloadURL;
-    downloadReply = getNetworkManager()->get(QNetworkRequest(offer.DownloadURL));
+             << offer.DownloadURL << "at" << downloadOffset;
+    QNetworkRequest request(offer.DownloadURL);
+    // Byte counts and ranges must be those of the file itself.
+    request.setRawHeader("Accept-Encoding", "identity");
+    if (downloadOffset > 0) {
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(downloadOffset) + '-');
+        request.setRawHeader("If-Range", offer.partialValidator);
+    }
+    downloadReply = getNetworkManager()->get(request);
     downloadReply->setReadBufferSize(kReplyBufferSize);
+    DlrTransferTimeout::Watch(downloadReply, transferTimeout);
     connect(downloadReply, SIGNAL(sslErrors(QList<QSslError>)), this, SLOT(downloadSslErrors(QList<QSslError>)));
     connect(downloadReply, SIGNAL(readyRead()), this, SLOT(downloadReadyRead()));
     downloadIndex = manifestIndex;
@@ -115,11 +220,14 @@ QString DlrApp::getDownloadPath(int manifestIndex)
         qDebug() << "index out of range in getDownloadPath" << manifestIndex;
         return QStringLiteral("unkown.vlumdownload");
     }
-    const QFileInfo name(manifest.at(manifestIndex).Name);
+    const QFileInfo name(getFinalPath(manifest.at(manifestIndex)));
+    if (name.fileName().isEmpty()) {
+        qDebug() << "No download path for" << manifest.at(manifestIndex).Name;
+        return QString();
+    }
     const QString base = name.completeBaseName();
     const QString suffix = name.suffix();
-    const QString dir = GetDownloadDir()->absolutePath();
-
+    const QString dir = name.absolutePath();
     const auto freeTempName = [&suffix](const QString& stem) {
         const QString finalName = stem + QLatin1Char('.') + suffix;
         const QString tempName = finalName + QLatin1Char('.') + kTempSuffix;
@@ -159,13 +267,27 @@ void DlrApp::getDownloadBuffer()
 
 void DlrApp::downloadReadyRead()
 {
-    if (!downloadReply || downloadIndex < 0 || downloadIndex >= manifest.size()) {
+    if (!downloadReply) {
         qDebug() << "error in download reply";
         return;
     }
-    QFile* file = manifest.at(downloadIndex).downloadFile.data();
-    if (!file) {
+    // Whatever the reason nothing can take the data, end the reply now:
+    // left alone it would stall behind its full read buffer.
+    if (downloadIndex < 0 || downloadIndex >= manifest.size()) {
+        qDebug() << "error in download reply";
+        downloadReply->abort();
+        return;
+    }
+    // Our own reference: abort() finishes the reply at once, and the
+    // failure handling drops the offer's.
+    const QSharedPointer<QFile> file = manifest.at(downloadIndex).downloadFile;
+    if (!file || !file->isOpen()) {
         qDebug() << "data ready but no file";
+        downloadReply->abort();
+        return;
+    }
+    if (!downloadStarted && !startDownloadBody(manifest[downloadIndex], *file)) {
+        downloadReply->abort();
         return;
     }
     getDownloadBuffer();
@@ -179,19 +301,85 @@ void DlrApp::downloadReadyRead()
             qDebug() << "Error reading from network";
             return;
         }
+        if (downloadDiscarding)
+            continue;
         if (file->write(downloadBuffer.get(), got) < got) {
+            const QFileDevice::FileError error = file->error();
             downloadReply->abort();
-            qDebug() << "Failed writing to file in download" << file->error();
+            qDebug() << "Failed writing to file in download" << error;
             return;
         }
+        downloadWritten += got;
     }
     // The file buffers small writes; a full disk may only show when that
     // buffer is written out, so push it out while the reply can still be
     // aborted.
     if (!file->flush()) {
+        const QFileDevice::FileError error = file->error();
         downloadReply->abort();
-        qDebug() << "Failed writing to file in download" << file->error();
+        qDebug() << "Failed writing to file in download" << error;
     }
+}
+
+bool DlrApp::startDownloadBody(DlrManifestElement& offer, QFile& file)
+{
+    downloadStarted = true;
+    const int status = downloadReply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (status >= 400) {
+        // An error page is never part of a package; what is on disk stays
+        // for the next try, unless the server cannot serve the rest of it.
+        downloadDiscarding = true;
+        if (status == 416)
+            offer.partialValidator.clear();
+        return true;
+    }
+    if (downloadOffset > 0 && status == 206) {
+        const QByteArray etag = downloadReply->rawHeader("ETag");
+        const bool sameFile = etag.isEmpty() || !offer.partialValidator.startsWith('"') || etag == offer.partialValidator;
+        if (rangeStartOf(downloadReply) == downloadOffset && sameFile) {
+            qDebug() << "Resuming download at" << downloadOffset;
+            return true;
+        }
+        qDebug() << "Unusable partial answer" << downloadReply->rawHeader("Content-Range") << etag;
+        offer.partialValidator.clear();
+        return false;
+    }
+    if (downloadOffset > 0) {
+        // The whole file again (it changed, or the server ignores ranges).
+        qDebug() << "Download starts over at 0 after" << downloadOffset;
+        if (!file.resize(0))
+            return false;
+        downloadOffset = 0;
+        downloadWritten = 0;
+    }
+    offer.partialValidator = validatorOf(downloadReply);
+    return true;
+}
+
+QString DlrApp::DownloadShortfall(qint64 written, qint64 announced, qint64 fileSize)
+{
+    // A socket that closed is not a complete transfer: what was announced,
+    // and what the manifest promised, must both be on disk.
+    for (const qint64 expected : {announced, fileSize}) {
+        if (expected <= 0 || expected == written)
+            continue;
+        if (written < expected)
+            return QStringLiteral("Download incomplete: %1 of %2 bytes").arg(written).arg(expected);
+        return QStringLiteral("Download larger than expected: %1 of %2 bytes").arg(written).arg(expected);
+    }
+    return QString();
+}
+
+QString DlrApp::completeDownloadFile(QFile& file)
+{
+    // Every byte on the disk before the package takes its final name.
+    if (!file.isOpen())
+        return QString();
+    const bool synced = file.flush() && ::fsync(file.handle()) == 0;
+    if (!synced)
+        qDebug() << "Failed writing to file in download" << file.error();
+    file.close();
+    return synced ? QString() : DlrNetworkError(QNetworkReply::OperationCanceledError);
 }
 
 void DlrApp::finishedDownload(QNetworkReply* reply)
@@ -210,18 +398,35 @@ void DlrApp::finishedDownload(QNetworkReply* reply)
 
     DlrManifestElement& offer = manifest[index];
     QSharedPointer<QFile> file = offer.downloadFile;
-    // Data that never reached the disk must not pass for a complete package.
-    const bool written = file && (!file->isOpen() || file->flush());
-    if (file)
-        file->close();
+    if (file && file->isOpen() && !downloadStarted && reply->error() == QNetworkReply::NoError)
+        startDownloadBody(offer, *file);
 
-    QNetworkReply::NetworkError error = reply->error();
-    if (error == QNetworkReply::NoError && !written)
-        error = QNetworkReply::OperationCanceledError;
-    if (error != QNetworkReply::NoError) {
-        const QString text = DlrNetworkError(error);
-        qDebug() << text;
-        emit failedDownload(text, index);
+    QString failure;
+    if (reply->error() != QNetworkReply::NoError) {
+        failure = DlrNetworkError(DlrTransferTimeout::Expired(reply) ? QNetworkReply::TimeoutError : reply->error());
+        qDebug() << failure;
+    }
+    // Data that never reached the disk must not pass for a complete package.
+    const QString unwritten = file ? completeDownloadFile(*file) : DlrNetworkError(QNetworkReply::OperationCanceledError);
+    if (failure.isEmpty())
+        failure = unwritten;
+    if (failure.isEmpty()) {
+        bool known = false;
+        const qint64 length = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong(&known);
+        const qint64 announced = known && length >= 0 ? downloadOffset + length : -1;
+        failure = DownloadShortfall(downloadWritten, announced, offer.FileSize);
+        if (!failure.isEmpty())
+            qWarning() << failure;
+        // Only the rest of what the server promised is worth asking for;
+        // anything else starts over next time.
+        if (!(announced >= 0 ? downloadWritten < announced : downloadWritten < offer.FileSize))
+            offer.partialValidator.clear();
+    }
+    if (!failure.isEmpty()) {
+        // What arrived stays on disk under its temporary name for a retry.
+        if (file)
+            offer.partialFile = file->fileName();
+        emit failedDownload(failure, index);
         downloadReply = nullptr;
         dropDownloadFile(index, file);
         return;
@@ -231,6 +436,19 @@ void DlrApp::finishedDownload(QNetworkReply* reply)
     const QString current = file->fileName();
     const QString finalName = getFinalNameFromTempName(current);
     if (finalName == current || file->rename(finalName)) {
+        if (!syncFolderOf(finalName)) {
+            // The name may not survive a crash: never leave it to a package
+            // we could not make durable.
+            file->rename(current);
+            const QString text = DlrNetworkError(QNetworkReply::OperationCanceledError);
+            qWarning() << "Couldn't sync the download folder of" << finalName;
+            offer.partialFile = file->fileName();
+            emit failedDownload(text, index);
+            dropDownloadFile(index, file);
+            return;
+        }
+        offer.partialFile.clear();
+        offer.partialValidator.clear();
         offer.downloaded = true;
         emit finishedDownload(index);
         return;

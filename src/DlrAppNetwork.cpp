@@ -5,20 +5,40 @@
 
 #include "DlrManifestHandler.h"
 #include "DlrNetworkError.h"
+#include "DlrTransferTimeout.h"
 
 #include <QDebug>
 #include <QFile>
 #include <QHttpMultiPart>
 #include <QMessageBox>
 #include <QNetworkAccessManager>
+#include <QNetworkProxyFactory>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+
+namespace {
+
+// The system's proxy settings (on Linux http_proxy, https_proxy and
+// no_proxy) for every request. Qt's application-wide factory never proxies
+// a loopback address whatever the environment says; this one leaves that
+// to no_proxy, as other network tools do.
+class SystemProxyFactory : public QNetworkProxyFactory
+{
+public:
+    QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery& query) override
+    {
+        return systemProxyForQuery(query);
+    }
+};
+
+} // namespace
 
 QNetworkAccessManager* DlrApp::getNetworkManager()
 {
     if (networkManager)
         return networkManager;
     networkManager = new QNetworkAccessManager(this);
+    networkManager->setProxyFactory(new SystemProxyFactory);
     connect(networkManager, SIGNAL(finished(QNetworkReply*)), this, SLOT(finishedReply(QNetworkReply*)));
     return networkManager;
 }
@@ -109,13 +129,15 @@ void DlrApp::RequestManifest(const QUrl& url, const QString& user, const QString
 
     manifestReply = getNetworkManager()->post(QNetworkRequest(url), body);
     body->setParent(manifestReply);
+    DlrTransferTimeout::Watch(manifestReply, transferTimeout);
     connect(manifestReply, SIGNAL(sslErrors(QList<QSslError>)), this, SLOT(manifestSslErrors(QList<QSslError>)));
 }
 
 void DlrApp::replyFromManifestRequest(QNetworkReply* reply)
 {
-    manifestNetworkError =
-        reply->error() == QNetworkReply::NoError ? QString() : DlrNetworkError(reply->error());
+    const QNetworkReply::NetworkError error =
+        DlrTransferTimeout::Expired(reply) ? QNetworkReply::TimeoutError : reply->error();
+    manifestNetworkError = error == QNetworkReply::NoError ? QString() : DlrNetworkError(error);
     const QByteArray validation = reply->rawHeader("Validation");
     if (validation.startsWith("Approved")) {
         qDebug() << "Manifest request approved";

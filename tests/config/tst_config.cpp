@@ -65,7 +65,8 @@ private slots:
                            "manifestUrl=forum/currentproducts.php",
                            QStringLiteral("manifestURL=https://%1/forum/currentproducts.php").arg(kServer),
                            QStringLiteral("successURL=https://%1/view/Install-Success").arg(kServer),
-                           "logLevel=2", "dumpManifest=false", "user=", "pass=", "settingsFile="};
+                           "logLevel=2", "dumpManifest=false", "user=", "pass=", "settingsFile=",
+                           "transferTimeout=30"};
 
         QTest::newRow("home file hides the bundle's, keys not merged")
             << QByteArray("user=fromhome\n") << QByteArray("user=frombundle\npass=bundlepass\n") << true
@@ -140,6 +141,14 @@ private slots:
             << QByteArray("user=@ByteArray(raw)\npass=a,b\ndumpManifest=@Variant(\\0\\0\\0\\x7f)\n") << none
             << true << noEnv << noArgs << QByteArray()
             << QStringList{"user=raw", "pass=a,b", "dumpManifest=false"};
+        QTest::newRow("transfertimeout in seconds") << QByteArray("transfertimeout=5\n") << none << true << noEnv
+                                                    << noArgs << QByteArray() << QStringList{"transferTimeout=5"};
+        QTest::newRow("transfertimeout capped at a day") << QByteArray("transfertimeout=999999999\n") << none << true
+                                                         << noEnv << noArgs << QByteArray()
+                                                         << QStringList{"transferTimeout=86400"};
+        QTest::newRow("transfertimeout not above zero keeps the default")
+            << QByteArray("transfertimeout=-4\n") << none << true << noEnv << noArgs << QByteArray()
+            << QStringList{"transferTimeout=30"};
     }
 
     void sources()

@@ -11,8 +11,12 @@
 #include <QSslConfiguration>
 #include <QTcpServer>
 
+#include <QScopeGuard>
+
+#include <algorithm>
 #include <csignal>
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -150,24 +154,59 @@ private slots:
         QCOMPARE(dlrApp()->getDownloadPath(1), QStringLiteral("unkown.vlumdownload"));
     }
 
-    // Only a file of exactly the offered size counts as already downloaded.
+    void existingDownload_data()
+    {
+        QTest::addColumn<QString>("name");   // the offer's Name; @ stands for a folder outside Downloads
+        QTest::addColumn<QString>("onDisk"); // where 100 bytes are put, relative to Downloads
+        QTest::addColumn<QString>("kind");   // file, link (to a file elsewhere) or foreign (another user's)
+        QTest::addColumn<qint64>("size");
+        QTest::addColumn<bool>("reused");
+        QTest::addColumn<bool>("refused"); // DownloadProduct will not even start
+
+        QTest::newRow("exact size") << "P.pkg" << "P.pkg" << "file" << qint64(100) << true << true;
+        QTest::newRow("one byte more offered") << "P.pkg" << "P.pkg" << "file" << qint64(101) << false << false;
+        QTest::newRow("unknown size") << "P.pkg" << "P.pkg" << "empty" << qint64(0) << false << false;
+        QTest::newRow("parent folder") << "../P.pkg" << "../P.pkg" << "file" << qint64(100) << false << true;
+        QTest::newRow("absolute path") << "@/P.pkg" << "@/P.pkg" << "file" << qint64(100) << false << true;
+        QTest::newRow("sub folder") << "sub/P.pkg" << "sub/P.pkg" << "file" << qint64(100) << false << true;
+        QTest::newRow("dot dot") << ".." << "P.pkg" << "file" << qint64(100) << false << true;
+        QTest::newRow("link to a file elsewhere") << "P.pkg" << "P.pkg" << "link" << qint64(100) << false << false;
+        QTest::newRow("another user's file") << "P.pkg" << "P.pkg" << "foreign" << qint64(100) << false << false;
+    }
+
+    // Only a file of ours, of exactly the offered size, inside the download
+    // folder counts as already downloaded: anything else would hand a
+    // stranger's file to the root installer.
     void existingDownload()
     {
-        const QByteArray bytes(100, 'x');
-        QFile existing(downloads() + QStringLiteral("/Product.pkg"));
-        QVERIFY(existing.open(QIODevice::WriteOnly));
-        existing.write(bytes);
-        existing.close();
+        QFETCH(QString, name);
+        QFETCH(QString, onDisk);
+        QFETCH(QString, kind);
+        QFETCH(qint64, size);
+        QFETCH(bool, reused);
+        QFETCH(bool, refused);
+        QTemporaryDir elsewhere;
+        name.replace(QLatin1Char('@'), elsewhere.path());
+        onDisk.replace(QLatin1Char('@'), elsewhere.path());
+        const QString path = QDir(downloads()).absoluteFilePath(onDisk);
+        const QString target = kind == QLatin1String("link") ? elsewhere.filePath(QStringLiteral("real.pkg")) : path;
+        QVERIFY(QDir().mkpath(QFileInfo(path).absolutePath()));
+        QFile file(target);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(QByteArray(kind == QLatin1String("empty") ? 0 : 100, 'x'));
+        file.close();
+        const auto cleanUp = qScopeGuard([&] { QFile::remove(path); QDir(downloads()).rmdir(QStringLiteral("sub")); });
+        if (kind == QLatin1String("link"))
+            QVERIFY(QFile::link(target, path));
+        if (kind == QLatin1String("foreign") && ::chown(QFile::encodeName(path).constData(), 65534, 65534) != 0)
+            QSKIP("another user's file needs root to make");
 
-        manifest() << offer("Product.pkg", QUrl(), 101) << offer("Product.pkg", QUrl(), 100);
+        manifest() << offer(name, server.url(QStringLiteral("packages/small.pkg")), size);
         dlrApp()->CheckForDownload(0);
-        dlrApp()->CheckForDownload(1);
-        QVERIFY(!manifest().at(0).downloaded);
-        QVERIFY(!manifest().at(0).downloadFile);
-        QVERIFY(manifest().at(1).downloaded);
-        QCOMPARE(manifest().at(1).downloadFile->fileName(), existing.fileName());
-        QTest::ignoreMessage(QtDebugMsg, "Asked to download  \"Product.pkg\"  again");
-        QVERIFY(!dlrApp()->DownloadProduct(1));
+        QCOMPARE(manifest().at(0).downloaded, reused);
+        QCOMPARE(bool(manifest().at(0).downloadFile), reused);
+        if (refused)
+            QVERIFY(!dlrApp()->DownloadProduct(0));
     }
 
     // A complete download takes the final name; a taken name gets a tag.
@@ -177,7 +216,6 @@ private slots:
         manifest() << offer("Product.pkg", server.url("packages/Product.pkg?throttle=2000000"), 300000);
         QNetworkReply* reply = dlrApp()->DownloadProduct(0);
         QVERIFY(reply);
-        QCOMPARE(reply->readBufferSize(), qint64(1024 * 1024));
         QSignalSpy progress(reply, &QNetworkReply::downloadProgress);
         QSignalSpy finished(dlrApp(), qOverload<int>(&DlrApp::finishedDownload));
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 30000);
@@ -229,22 +267,36 @@ private slots:
     void networkFailures_data()
     {
         QTest::addColumn<QString>("url");
-        QTest::addColumn<int>("error");
+        QTest::addColumn<qint64>("size"); // the offer's FileSize
+        QTest::addColumn<QString>("reason");
 
-        QTest::newRow("dropped mid-download")
-            << "packages/Product.pkg?drop_after=100000" << int(QNetworkReply::RemoteHostClosedError);
-        QTest::newRow("404") << "packages/Product.pkg?status=404" << int(QNetworkReply::ContentNotFoundError);
-        QTest::newRow("500") << "packages/Product.pkg?status=500" << int(QNetworkReply::InternalServerError);
-        QTest::newRow("refused") << "refused" << int(QNetworkReply::ConnectionRefusedError);
-        QTest::newRow("not a url") << "bad" << int(QNetworkReply::ProtocolUnknownError);
+        const QString timedOut = DlrNetworkError(QNetworkReply::TimeoutError);
+        QTest::newRow("dropped mid-download") << "packages/Product.pkg?drop_after=100000" << qint64(300000)
+                                              << DlrNetworkError(QNetworkReply::RemoteHostClosedError);
+        QTest::newRow("404") << "packages/Product.pkg?status=404" << qint64(300000)
+                             << DlrNetworkError(QNetworkReply::ContentNotFoundError);
+        QTest::newRow("500") << "packages/Product.pkg?status=500" << qint64(300000)
+                             << DlrNetworkError(QNetworkReply::InternalServerError);
+        QTest::newRow("refused") << "refused" << qint64(300000) << DlrNetworkError(QNetworkReply::ConnectionRefusedError);
+        QTest::newRow("not a url") << "bad" << qint64(300000) << DlrNetworkError(QNetworkReply::ProtocolUnknownError);
+        // The network layer calls these complete; only the byte count tells.
+        QTest::newRow("no length, closed early") << "packages/Product.pkg?no_length=1&drop_after=100000"
+                                                 << qint64(300000) << "Download incomplete: 100000 of 300000 bytes";
+        QTest::newRow("shorter than offered") << "packages/Product.pkg" << qint64(300001)
+                                              << "Download incomplete: 300000 of 300001 bytes";
+        QTest::newRow("longer than offered") << "packages/Product.pkg" << qint64(299999)
+                                             << "Download larger than expected: 300000 of 299999 bytes";
+        QTest::newRow("silent after the headers") << "packages/Product.pkg?stall_after=0" << qint64(300000) << timedOut;
+        QTest::newRow("silent mid-body") << "packages/Product.pkg?stall_after=100000" << qint64(300000) << timedOut;
     }
 
-    // The reason is the network error text; the partial file keeps its
-    // temporary name, and the next try starts a fresh one and completes.
+    // The reason reaches the user; the partial file keeps its temporary
+    // name, and Retry continues it to the whole package under its own name.
     void networkFailures()
     {
         QFETCH(QString, url);
-        QFETCH(int, error);
+        QFETCH(qint64, size);
+        QFETCH(QString, reason);
 
         QUrl source = server.url(url);
         if (url == QLatin1String("refused")) {
@@ -254,16 +306,112 @@ private slots:
         } else if (url == QLatin1String("bad")) {
             source = QUrl(QStringLiteral("not a url at all"), QUrl::TolerantMode);
         }
-        manifest() << offer("Product.pkg", source, 300000);
-        QCOMPARE(download(0), DlrNetworkError(QNetworkReply::NetworkError(error)));
+        dlrApp()->transferTimeout = 2;
+        const auto restore = qScopeGuard([] { dlrApp()->transferTimeout = 30; });
+        manifest() << offer("Product.pkg", source, size);
+        QCOMPARE(download(0), reason);
         QVERIFY(QFile::exists(downloads() + QStringLiteral("/Product.pkg.vlumdownload")));
         QVERIFY(!QFile::exists(downloads() + QStringLiteral("/Product.pkg")));
         QVERIFY(!manifest().at(0).downloaded);
         QVERIFY(!manifest().at(0).downloadFile);
 
         manifest()[0].DownloadURL = server.url(QStringLiteral("packages/Product.pkg"));
+        manifest()[0].FileSize = 300000;
         QCOMPARE(download(0), QString());
-        QCOMPARE(contents(downloads() + QStringLiteral("/Product-1.pkg")), server.package("Product.pkg"));
+        QCOMPARE(contents(downloads() + QStringLiteral("/Product.pkg")), server.package("Product.pkg"));
+        QCOMPARE(QDir(downloads()).entryList(QDir::Files), QStringList{"Product.pkg"});
+    }
+
+    void shortfall_data()
+    {
+        QTest::addColumn<qint64>("written");
+        QTest::addColumn<qint64>("announced");
+        QTest::addColumn<qint64>("fileSize");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("all there") << qint64(300000) << qint64(300000) << qint64(300000) << "";
+        // What the network layer sometimes reports as a success.
+        QTest::newRow("closed before the announced end")
+            << qint64(100000) << qint64(300000) << qint64(0) << "Download incomplete: 100000 of 300000 bytes";
+        QTest::newRow("nothing announced, size unknown") << qint64(5) << qint64(-1) << qint64(0) << "";
+        QTest::newRow("announced, but not what was offered")
+            << qint64(300000) << qint64(300000) << qint64(400000) << "Download incomplete: 300000 of 400000 bytes";
+    }
+
+    void shortfall()
+    {
+        QFETCH(qint64, written);
+        QFETCH(qint64, announced);
+        QFETCH(qint64, fileSize);
+        QFETCH(QString, reason);
+        QCOMPARE(DlrApp::DownloadShortfall(written, announced, fileSize), reason);
+    }
+
+    // A new manifest while a package is arriving: the reply is ended at
+    // once instead of stalling behind its full read buffer.
+    void manifestEmptiedMidDownload()
+    {
+        server.writePackage(QStringLiteral("big.pkg"), 32 << 20);
+        manifest() << offer("big.pkg", server.url(QStringLiteral("packages/big.pkg")), 32 << 20);
+        QSignalSpy failed(dlrApp(), &DlrApp::failedDownload);
+        QNetworkReply* reply = dlrApp()->DownloadProduct(0);
+        QVERIFY(reply);
+        connect(reply, &QNetworkReply::downloadProgress, this, [this] { manifest().clear(); });
+        QTRY_COMPARE_WITH_TIMEOUT(failed.count(), 1, 15000);
+        QCOMPARE(failed.first().first().toString(), QStringLiteral("index out of range in Download"));
+        QVERIFY(!dlrApp()->downloadReply);
+    }
+
+    void resume_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<QString>("faults");
+        QTest::addColumn<int>("tries");
+        QTest::addColumn<bool>("changed"); // the package is replaced after the first cut
+
+        QTest::newRow("cut at ten offsets") << (64 << 20) << "drop_after=6000000&fault_times=10" << 11 << false;
+        QTest::newRow("package replaced in between") << 300000 << "drop_after=100000&fault_times=1" << 2 << true;
+    }
+
+    // Each retry asks for the rest only, and only of the same file: the
+    // result is the server's file byte for byte.
+    void resume()
+    {
+        QFETCH(int, size);
+        QFETCH(QString, faults);
+        QFETCH(int, tries);
+        QFETCH(bool, changed);
+        const QString name = QStringLiteral("resume-%1.pkg").arg(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'));
+        server.writePackage(name, size);
+        manifest() << offer(name, server.url("packages/" + name + "?" + faults), size);
+        qint64 received = 0;
+        int attempts = 0;
+        QString reason = QStringLiteral("not tried");
+        while (!reason.isEmpty() && attempts < tries + 1) {
+            ++attempts;
+            QSignalSpy finished(dlrApp(), qOverload<int>(&DlrApp::finishedDownload));
+            QSignalSpy failed(dlrApp(), &DlrApp::failedDownload);
+            QNetworkReply* reply = dlrApp()->DownloadProduct(0);
+            QVERIFY(reply);
+            qint64 got = 0;
+            connect(reply, &QNetworkReply::downloadProgress, this, [&got](qint64 bytes) { got = bytes; });
+            QTRY_VERIFY_WITH_TIMEOUT(finished.count() + failed.count() > 0, 60000);
+            received += got;
+            reason = failed.isEmpty() ? QString() : failed.first().first().toString();
+            if (changed && attempts == 1) {
+                QByteArray other = server.package(name);
+                std::reverse(other.begin(), other.end());
+                server.writeCatalogFile("packages/" + name, other);
+                QFile replaced(server.catalogPath("packages/" + name));
+                QVERIFY(replaced.open(QIODevice::ReadWrite));
+                QVERIFY(replaced.setFileTime(QDateTime::currentDateTime().addSecs(60), QFileDevice::FileModificationTime));
+            }
+        }
+        QCOMPARE(attempts, tries);
+        QVERIFY(contents(downloads() + '/' + name) == server.package(name));
+        if (!changed) {
+            qInfo("%d tries, %lld bytes received for %d (%.3fx)", attempts, received, size, double(received) / size);
+            QVERIFY2(received <= size * 11 / 10, qPrintable(QString::number(received)));
+        }
     }
 
     void writeFailures_data()

@@ -5,11 +5,17 @@
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
 
+#include "DlrNetworkError.h"
+
 #include <QAbstractButton>
 #include <QMessageBox>
 #include <QNetworkAccessManager>
 #include <QSslConfiguration>
+#include <QNetworkReply>
+#include <QProcess>
+#include <QScopeGuard>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTimer>
 
 namespace {
@@ -121,14 +127,23 @@ private slots:
         QTest::addColumn<bool>("valid");
         QTest::addColumn<QString>("reason");
         QTest::addColumn<int>("offers");
+        QTest::addColumn<QString>("details"); // the network error shown under the reason
 
-        QTest::newRow("approved") << "" << "demo" << true << "" << 2;
-        QTest::newRow("approved is a prefix") << "validation=approved-xyz" << "demo" << true << "" << 2;
-        QTest::newRow("refused with a reason") << "" << "nobody" << false << "Account not found" << 0;
-        QTest::newRow("bare error") << "validation=bare-error" << "demo" << false << "Manifest request denied" << 0;
-        QTest::newRow("no header") << "validation=missing" << "demo" << false << "Unknown manifest Validation" << 0;
+        const QString timedOut = DlrNetworkError(QNetworkReply::TimeoutError);
+        QTest::newRow("approved") << "" << "demo" << true << "" << 2 << "";
+        QTest::newRow("approved is a prefix") << "validation=approved-xyz" << "demo" << true << "" << 2 << "";
+        QTest::newRow("refused with a reason") << "" << "nobody" << false << "Account not found" << 0 << "";
+        QTest::newRow("bare error") << "validation=bare-error" << "demo" << false << "Manifest request denied" << 0
+                                    << "";
+        QTest::newRow("no header") << "validation=missing" << "demo" << false << "Unknown manifest Validation" << 0
+                                   << "";
         QTest::newRow("server error status, no header")
-            << "status=500" << "demo" << false << "Unknown manifest Validation" << 0;
+            << "status=500" << "demo" << false << "Unknown manifest Validation" << 0
+            << DlrNetworkError(QNetworkReply::InternalServerError);
+        QTest::newRow("silent before the headers")
+            << "delay=10" << "demo" << false << "Unknown manifest Validation" << 0 << timedOut;
+        QTest::newRow("silent after the headers")
+            << "stall_after=0" << "demo" << false << "bad manifest reply" << 0 << timedOut;
     }
 
     void validation()
@@ -138,12 +153,16 @@ private slots:
         QFETCH(bool, valid);
         QFETCH(QString, reason);
         QFETCH(int, offers);
+        QFETCH(QString, details);
 
         // A new request starts from an empty list.
         dlrApp()->manifest.append(DlrManifestElement());
+        dlrApp()->transferTimeout = 2;
+        const auto restore = qScopeGuard([] { dlrApp()->transferTimeout = 30; });
         const Outcome outcome = requestManifest(manifestUrl(server, query), user);
         QCOMPARE(outcome.valid, valid);
         QCOMPARE(outcome.reason, reason);
+        QCOMPARE(dlrApp()->manifestNetworkError, details);
         QCOMPARE(dlrApp()->manifest.size(), offers);
         QVERIFY(!dlrApp()->manifestReply);
         if (valid) {
@@ -224,6 +243,65 @@ private slots:
 
     // A lone self-signed root in the chain passes silently; anything else
     // asks, and only OK is remembered.
+    void proxy_data()
+    {
+        QTest::addColumn<QByteArray>("noProxy");
+        QTest::addColumn<int>("tunnels"); // CONNECT requests the proxy logged
+        QTest::newRow("through the proxy") << QByteArray() << 2;
+        QTest::newRow("no_proxy passes it by") << QByteArray("127.0.0.1") << 0;
+    }
+
+    // The environment's proxy carries the manifest request and the
+    // download, each over a tunnel of its own; no_proxy goes around it.
+    void proxy()
+    {
+        QFETCH(QByteArray, noProxy);
+        QFETCH(int, tunnels);
+        QTemporaryDir state;
+        QTcpServer free;
+        QVERIFY(free.listen(QHostAddress::LocalHost));
+        const quint16 port = free.serverPort();
+        free.close();
+        const QString log = state.filePath(QStringLiteral("proxy.log"));
+        QFile config(state.filePath(QStringLiteral("proxy.conf")));
+        QVERIFY(config.open(QIODevice::WriteOnly));
+        config.write(QStringLiteral("Port %1\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 60\nMaxClients 10\n"
+                                    "LogLevel Connect\nLogFile \"%2\"\n").arg(port).arg(log).toUtf8());
+        config.close();
+        QProcess proxy;
+        proxy.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        proxy.start(QStringLiteral("tinyproxy"), {QStringLiteral("-d"), QStringLiteral("-c"), config.fileName()});
+        QVERIFY2(proxy.waitForStarted(5000), "tinyproxy is missing: scripts/setup installs it");
+        const auto stop = qScopeGuard([&proxy] {
+            proxy.terminate();
+            if (!proxy.waitForFinished(5000))
+                proxy.kill();
+        });
+        QTRY_VERIFY_WITH_TIMEOUT(QFile(log).size() > 0 && [port] {
+            QTcpSocket probe;
+            probe.connectToHost(QHostAddress::LocalHost, port);
+            return probe.waitForConnected(200);
+        }(), 10000);
+
+        const QByteArray address = "http://127.0.0.1:" + QByteArray::number(port);
+        qputenv("https_proxy", address);
+        qputenv("no_proxy", noProxy);
+        const auto unset = qScopeGuard([] {
+            qunsetenv("https_proxy");
+            qunsetenv("no_proxy");
+        });
+        QVERIFY(requestManifest(manifestUrl(server)).valid);
+        dlrApp()->networkManager->clearConnectionCache();
+        QSignalSpy finished(dlrApp(), qOverload<int>(&DlrApp::finishedDownload));
+        QVERIFY(dlrApp()->DownloadProduct(0));
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
+
+        QFile logged(log);
+        QVERIFY(logged.open(QIODevice::ReadOnly));
+        const QByteArray tunnel = "CONNECT 127.0.0.1:" + QByteArray::number(server.port) + " ";
+        QCOMPARE(int(logged.readAll().count(tunnel)), tunnels);
+    }
+
     void tlsPolicy()
     {
         VendorServer chain;

@@ -17,6 +17,10 @@ int runWithDlrApp(int argc, char** argv, std::vector<const char*> options)
     QTemporaryDir home;
     qputenv("HOME", home.path().toLocal8Bit());
     qunsetenv("VLUMINSTALLER_DEBUG_LOG");
+    // Tests talk to servers on loopback, never through the machine's proxy.
+    for (const char* proxy : {"http_proxy", "https_proxy", "all_proxy", "no_proxy", "HTTP_PROXY", "HTTPS_PROXY",
+                              "ALL_PROXY", "NO_PROXY"})
+        qunsetenv(proxy);
 
     std::vector<QByteArray> storage{QByteArray(argv[0])};
     for (const char* option : options)

@@ -31,6 +31,7 @@ void printConfig(const DlrApp& app)
         {"appendManifestFile", app.appendManifestFile},
         {"logLevel", QString::number(app.logLevel)},
         {"dumpManifest", app.dumpManifest ? QStringLiteral("true") : QStringLiteral("false")},
+        {"transferTimeout", QString::number(app.transferTimeout)},
         {"settingsFile", app.settings ? app.settings->fileName() : QString()},
         {"manifestURL", app.GetURL(ManifestLocation).toString()},
         {"successURL", app.successURL.toString()},
