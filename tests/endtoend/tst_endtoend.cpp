@@ -21,6 +21,7 @@
 #include <QDesktopServices>
 #include <QLabel>
 #include <QProgressBar>
+#include <QRegularExpression>
 
 #include <csignal>
 
@@ -209,7 +210,14 @@ private slots:
             if (request.value(QStringLiteral("path")).toString() == QStringLiteral("/packages/") + kCore)
                 ranges << request.value(QStringLiteral("headers")).toObject().value(QStringLiteral("Range")).toString();
         }
-        QCOMPARE(ranges, (QStringList{QString(), QStringLiteral("bytes=3000000-")}));
+        // The retry asks for the rest of what reached the disk, which may be
+        // less than the server sent before the cut.
+        QCOMPARE(ranges.size(), 2);
+        QVERIFY(ranges.first().isEmpty());
+        const QRegularExpressionMatch resumed = QRegularExpression(QStringLiteral("^bytes=(\\d+)-$")).match(ranges.last());
+        QVERIFY2(resumed.hasMatch() && resumed.captured(1).toLongLong() > 0
+                     && resumed.captured(1).toLongLong() <= 3000000,
+                 qPrintable(ranges.last()));
         QCOMPARE(installedFolders(), (QStringList{kCoreFolder, kScenesFolder, kBridgeFolder}));
     }
 
