@@ -5,6 +5,7 @@
 #include <QFileInfo>
 
 #include <climits>
+#include <fcntl.h>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -43,6 +44,8 @@ const char* DlrHelperOptions::Usage()
            "                         without any, every open request is refused)\n"
            "  --installer <program>  the package installer it runs; default: the\n"
            "                         installer beside this program\n"
+           "  --trusted-keys <dir>   the folder of public keys the installer trusts;\n"
+           "                         default: the installer's own, /etc/velluma/trusted-keys\n"
            "  --help                 print this text and exit\n"
            "\n"
            "Environment:\n"
@@ -82,7 +85,19 @@ DlrHelperOptions DlrHelperOptions::Parse(int argc, char** argv)
                 options.error = QStringLiteral("no such folder: %1").arg(QString::fromLocal8Bit(value));
                 return options;
             }
+            const int fd = ::open(folder.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+            if (fd < 0) {
+                options.error = QStringLiteral("cannot open folder: %1").arg(QString::fromLocal8Bit(value));
+                return options;
+            }
             options.allowedFolders << folder;
+            options.allowedFolderFds << fd;
+        } else if (option == "--trusted-keys") {
+            options.trustedKeys = resolved(value);
+            if (options.trustedKeys.isEmpty()) {
+                options.error = QStringLiteral("no such folder: %1").arg(QString::fromLocal8Bit(value));
+                return options;
+            }
         } else if (option == "--installer") {
             installer = value;
         } else {

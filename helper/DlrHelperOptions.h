@@ -12,6 +12,8 @@ struct DlrHelperOptions {
     QByteArray socketPath;
     QList<uid_t> allowedUids;         // besides root, which is always served
     QList<QByteArray> allowedFolders; // resolved; files are opened only below these
+    QList<int> allowedFolderFds;      // each of them, opened at start
+    QByteArray trustedKeys;           // the installer's key folder, when not its default
     QByteArray installer;             // resolved; the one program it runs
     bool help = false;
     QString error;                    // set when the command line is unusable

@@ -1,5 +1,7 @@
 #include "DlrHelperRequests.h"
 
+#include "DlrHelperFiles.h"
+
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -17,17 +19,24 @@ constexpr const char kBuildVersion[] = "velluma-installer-helper " VLUM_VERSION;
 
 enum { VersionRequest = 66001, OpenFileRequest = 66002, ExecuteRequest = 66003 };
 
+// The descriptor the installer finds the package on, with the variable
+// that tells it so.
+constexpr int kPackageFd = 3;
+constexpr char kPackageFdVariable[] = "VLUM_PACKAGE_FD=3";
+
 QByteArray resolved(const QByteArray& path)
 {
     char buffer[PATH_MAX];
     return ::realpath(path.constData(), buffer) ? QByteArray(buffer) : QByteArray();
 }
 
-bool isBelow(const QByteArray& path, const QByteArray& folder)
+// Moved above the descriptors the child sets up (0 to kPackageFd), so that
+// none is overwritten there.
+int raised(int fd)
 {
-    if (folder == "/")
-        return true;
-    return path == folder || path.startsWith(folder + '/');
+    const int high = ::fcntl(fd, F_DUPFD_CLOEXEC, 10);
+    ::close(fd);
+    return high;
 }
 
 DlrdMessage refused(const QString& why)
@@ -40,17 +49,19 @@ DlrdMessage refused(const QString& why)
 }
 
 // In the child, between fork and exec: only calls that are safe there.
-[[noreturn]] void runChild(const char* program, char* const* argv, int output, int status)
+[[noreturn]] void runChild(const char* program, char* const* argv, char* const* envp, int package, int output,
+                           int status)
 {
     const int devnull = ::open("/dev/null", O_RDONLY);
-    if (devnull < 0 || ::dup2(devnull, 0) < 0 || ::dup2(output, 1) < 0 || ::dup2(output, 2) < 0) {
+    if (devnull < 0 || ::dup2(devnull, 0) < 0 || ::dup2(output, 1) < 0 || ::dup2(output, 2) < 0
+        || ::dup2(package, kPackageFd) < 0) {
         const int error = errno;
         (void)!::write(status, &error, sizeof error);
         ::_exit(127);
     }
     // Nothing of the helper's (sockets of other clients) leaks into the
     // child; the status pipe closes itself at exec.
-    for (int fd = 3; fd < 1024; ++fd)
+    for (int fd = kPackageFd + 1; fd < 1024; ++fd)
         if (fd != status)
             ::close(fd);
     ::signal(SIGPIPE, SIG_DFL);
@@ -59,7 +70,7 @@ DlrdMessage refused(const QString& why)
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
     ::setsid();
-    ::execv(program, argv);
+    ::execve(program, argv, envp);
     const int error = errno;
     (void)!::write(status, &error, sizeof error);
     ::_exit(127);
@@ -67,7 +78,7 @@ DlrdMessage refused(const QString& why)
 
 } // namespace
 
-bool DlrHelperRequests::Answer(const DlrdMessage& request, DlrdMessage& reply, QString& why) const
+bool DlrHelperRequests::Answer(const DlrdMessage& request, uid_t uid, DlrdMessage& reply, QString& why) const
 {
     if (!request.Has("message", DlrdMessage::Int64Kind)) {
         why = QStringLiteral("no integer \"message\"");
@@ -90,7 +101,7 @@ bool DlrHelperRequests::Answer(const DlrdMessage& request, DlrdMessage& reply, Q
             why = QStringLiteral("execute request without argument vector");
             return false;
         }
-        reply = execute(request.StringArray("argv"));
+        reply = execute(request.StringArray("argv"), uid);
         return true;
     default:
         why = QStringLiteral("unknown request %1").arg(request.Int64("message"));
@@ -106,47 +117,29 @@ DlrdMessage DlrHelperRequests::version() const
     return reply;
 }
 
-QByteArray DlrHelperRequests::allowedPath(const QByteArray& path, QString& why) const
-{
-    if (!path.startsWith('/')) {
-        why = QStringLiteral("not an absolute path");
-        return QByteArray();
-    }
-    const int slash = path.lastIndexOf('/');
-    const QByteArray name = path.mid(slash + 1);
-    if (name.isEmpty() || name == "." || name == "..") {
-        why = QStringLiteral("not a file name");
-        return QByteArray();
-    }
-    // The folder is resolved, links and all; the name itself is opened
-    // without following a link, so neither can lead elsewhere.
-    const QByteArray folder = resolved(slash == 0 ? QByteArray("/") : path.left(slash));
-    if (folder.isEmpty()) {
-        why = QString::fromLocal8Bit(std::strerror(errno));
-        return QByteArray();
-    }
-    for (const QByteArray& allowed : options.allowedFolders)
-        if (isBelow(folder, allowed))
-            return (folder == "/" ? QByteArray() : folder) + '/' + name;
-    why = QStringLiteral("outside the allowed folders");
-    return QByteArray();
-}
-
 DlrdMessage DlrHelperRequests::openFile(const QByteArray& path, qint64 oflag, qint64 mode) const
 {
     DlrdMessage reply;
-    QString why;
-    const QByteArray target = allowedPath(path, why);
+    QString why = QStringLiteral("outside the allowed folders");
     if (oflag < INT_MIN || oflag > INT_MAX || (oflag & O_PATH)) {
         why = QStringLiteral("bad open flags");
-    } else if (!target.isEmpty()) {
-        const int fd = ::open(target.constData(), int(oflag) | O_NOFOLLOW | O_CLOEXEC, mode_t(mode & 07777));
-        if (fd >= 0) {
-            reply.SetDescriptor("fd", fd);
-            ::close(fd);
-            return reply;
+    } else {
+        // The folder is matched by name; what lies below it is resolved by
+        // the kernel beneath the folder we opened at start, in one step.
+        for (int i = 0; i < options.allowedFolders.size(); ++i) {
+            const QByteArray& folder = options.allowedFolders.at(i);
+            const QByteArray prefix = folder == "/" ? folder : folder + '/';
+            if (!path.startsWith(prefix) || path.size() == prefix.size())
+                continue;
+            const int fd = DlrHelperFiles::OpenBeneath(options.allowedFolderFds.at(i), path.mid(prefix.size()),
+                                                       int(oflag), mode_t(mode), why);
+            if (fd >= 0) {
+                reply.SetDescriptor("fd", fd);
+                ::close(fd);
+                return reply;
+            }
+            break;
         }
-        why = QString::fromLocal8Bit(std::strerror(errno));
     }
     syslog(LOG_NOTICE, "refused to open %s: %s", path.constData(), why.toLocal8Bit().constData());
     reply.SetString("fileopenerror", why.toUtf8());
@@ -168,22 +161,34 @@ QString DlrHelperRequests::refusal(const QList<QByteArray>& argv) const
     return QString();
 }
 
-DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv) const
+DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv, uid_t uid) const
 {
-    const QString why = refusal(argv);
+    QString why = refusal(argv);
     if (!why.isEmpty())
         return refused(why);
+    // The installer gets the package we opened and checked, not its path:
+    // nothing can be swapped in between.
+    const int package = DlrHelperFiles::OpenPackage(argv.last(), uid, why);
+    if (package < 0)
+        return refused(QStringLiteral("%1: %2").arg(QString::fromUtf8(argv.last()), why));
 
     int output[2];
     int status[2];
-    if (::pipe2(output, O_CLOEXEC) != 0)
-        return refused(QString::fromLocal8Bit(std::strerror(errno)));
+    if (::pipe2(output, O_CLOEXEC) != 0) {
+        const int error = errno;
+        ::close(package);
+        return refused(QString::fromLocal8Bit(std::strerror(error)));
+    }
     if (::pipe2(status, O_CLOEXEC) != 0) {
         const int error = errno;
+        ::close(package);
         ::close(output[0]);
         ::close(output[1]);
         return refused(QString::fromLocal8Bit(std::strerror(error)));
     }
+    const int packageFd = raised(package);
+    output[1] = raised(output[1]);
+    status[1] = raised(status[1]);
 
     // Built before fork: the child must not allocate.
     std::vector<QByteArray> storage(argv.begin(), argv.end());
@@ -191,11 +196,29 @@ DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv) const
     for (QByteArray& arg : storage)
         args.push_back(arg.data());
     args.push_back(nullptr);
+    // The helper's own environment, never the client's, plus where the
+    // package is and which keys to trust.
+    std::vector<QByteArray> envStorage;
+    for (char** entry = environ; *entry; ++entry) {
+        const QByteArray variable(*entry);
+        const bool replaced = variable.startsWith("VLUM_PACKAGE_FD=")
+            || (!options.trustedKeys.isEmpty() && variable.startsWith("VLUM_TRUSTED_KEYS="));
+        if (!replaced)
+            envStorage.push_back(variable);
+    }
+    envStorage.push_back(kPackageFdVariable);
+    if (!options.trustedKeys.isEmpty())
+        envStorage.push_back("VLUM_TRUSTED_KEYS=" + options.trustedKeys);
+    std::vector<char*> env;
+    for (QByteArray& variable : envStorage)
+        env.push_back(variable.data());
+    env.push_back(nullptr);
 
     const pid_t pid = ::fork();
     if (pid == 0)
-        runChild(options.installer.constData(), args.data(), output[1], status[1]);
+        runChild(options.installer.constData(), args.data(), env.data(), packageFd, output[1], status[1]);
     const int forkError = errno;
+    ::close(packageFd);
     ::close(output[1]);
     ::close(status[1]);
     if (pid < 0) {

@@ -14,17 +14,16 @@ public:
 
     // False, with `why`, for a request that is not one of ours or whose
     // values have the wrong kinds: the caller drops the connection.
-    bool Answer(const DlrdMessage& request, DlrdMessage& reply, QString& why) const;
+    // `uid` is the peer asking.
+    bool Answer(const DlrdMessage& request, uid_t uid, DlrdMessage& reply, QString& why) const;
 
 private:
     DlrdMessage version() const;
     DlrdMessage openFile(const QByteArray& path, qint64 oflag, qint64 mode) const;
-    DlrdMessage execute(const QList<QByteArray>& argv) const;
+    DlrdMessage execute(const QList<QByteArray>& argv, uid_t uid) const;
 
     // Empty when `argv` is the installer run we allow, else why not.
     QString refusal(const QList<QByteArray>& argv) const;
-    // The resolved path to open, or empty with `why`.
-    QByteArray allowedPath(const QByteArray& path, QString& why) const;
 
     const DlrHelperOptions& options;
 };

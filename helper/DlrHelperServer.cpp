@@ -15,7 +15,21 @@
 
 namespace {
 
+// Connections of users other than root, in all and per user: one user
+// cannot take every place, and root always finds one of its own.
 constexpr int kMaxClients = 64;
+constexpr int kMaxClientsPerUser = 8;
+constexpr int kRootClients = 16;
+// A connection owes a complete request this long after it opened or began
+// one; a silent or trickling one is dropped.
+constexpr qint64 kRequestTimeMs = 5000;
+
+qint64 nowMs()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 // Written by the signal handler, read by the poll loop.
 int stopPipe[2] = {-1, -1};
@@ -96,8 +110,13 @@ bool DlrHelperServer::listen()
         ::unlink(address.sun_path);
         return listen();
     }
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0
-        || ::chmod(address.sun_path, 0666) != 0 || ::listen(fd, SOMAXCONN) != 0) {
+    // The socket is made with its mode (0666) at once: changing it later by
+    // name could be turned, by whoever can rename in its folder, on
+    // another file.
+    const mode_t saved = ::umask(0111);
+    const bool bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::umask(saved);
+    if (!bound || ::listen(fd, SOMAXCONN) != 0) {
         syslog(LOG_ERR, "cannot listen on %s: %s", address.sun_path, std::strerror(errno));
         ::close(fd);
         return false;
@@ -124,15 +143,21 @@ void DlrHelperServer::accept()
         ::close(fd);
         return;
     }
-    if (clients.size() >= size_t(kMaxClients)) {
-        syslog(LOG_NOTICE, "refused peer pid %d: too many connections", int(peer.pid));
+    int mine = 0;
+    int others = 0;
+    for (const Client& client : clients)
+        (client.uid == peer.uid ? mine : others) += 1;
+    const bool full = peer.uid == 0 ? mine >= kRootClients
+                                    : mine >= kMaxClientsPerUser || mine + others - rootClients() >= kMaxClients;
+    if (full) {
+        syslog(LOG_NOTICE, "refused peer uid %u pid %d: too many connections", unsigned(peer.uid), int(peer.pid));
         ::close(fd);
         return;
     }
     // A client that stops reading costs us a second per reply, not forever.
     const timeval limit{1, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    clients.push_back(Client{fd, peer.uid, peer.pid, {}});
+    clients.push_back(Client{fd, peer.uid, peer.pid, {}, nowMs() + kRequestTimeMs});
 }
 
 bool DlrHelperServer::serve(Client& client)
@@ -162,21 +187,53 @@ bool DlrHelperServer::serve(Client& client)
             break;
         }
         DlrdMessage reply;
-        if (!requests.Answer(request, reply, why)) {
+        if (!requests.Answer(request, client.uid, reply, why)) {
             syslog(LOG_NOTICE, "dropped connection of pid %d: %s", int(client.pid), why.toLocal8Bit().constData());
             return false;
         }
         if (!DlrdSendMessage(client.fd, id, reply))
             return false; // gone, or not reading: nothing to tell it
+        client.deadline = 0;
     }
+}
+
+int DlrHelperServer::rootClients() const
+{
+    int n = 0;
+    for (const Client& client : clients)
+        n += client.uid == 0 ? 1 : 0;
+    return n;
+}
+
+int DlrHelperServer::dropLateClients()
+{
+    const qint64 now = nowMs();
+    qint64 next = -1;
+    for (auto it = clients.begin(); it != clients.end();) {
+        if (it->deadline == 0 && it->frames.HasPartialFrame())
+            it->deadline = now + kRequestTimeMs;
+        if (it->deadline != 0 && it->deadline <= now) {
+            syslog(LOG_NOTICE, "dropped connection of pid %d: no complete request in time", int(it->pid));
+            ::close(it->fd);
+            it = clients.erase(it);
+            continue;
+        }
+        if (it->deadline != 0 && (next < 0 || it->deadline < next))
+            next = it->deadline;
+        ++it;
+    }
+    return next < 0 ? -1 : int(next - now);
 }
 
 void DlrHelperServer::announceTermination()
 {
     DlrdMessage announcement;
     announcement.SetString("event", "terminating");
-    for (const Client& client : clients)
+    // Never wait on a client that stopped reading: we are asked to go now.
+    for (const Client& client : clients) {
+        ::fcntl(client.fd, F_SETFL, ::fcntl(client.fd, F_GETFL) | O_NONBLOCK);
         DlrdSendMessage(client.fd, 0, announcement);
+    }
 }
 
 int DlrHelperServer::Run()
@@ -186,12 +243,13 @@ int DlrHelperServer::Run()
         return 1;
     std::vector<pollfd> watched;
     for (;;) {
+        const int wait = dropLateClients();
         watched.clear();
         watched.push_back({stopPipe[0], POLLIN, 0});
         watched.push_back({listener, POLLIN, 0});
         for (const Client& client : clients)
             watched.push_back({client.fd, POLLIN, 0});
-        if (::poll(watched.data(), watched.size(), -1) < 0) {
+        if (::poll(watched.data(), watched.size(), wait) < 0) {
             if (errno == EINTR)
                 continue;
             syslog(LOG_ERR, "poll: %s", std::strerror(errno));

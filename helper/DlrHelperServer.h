@@ -25,6 +25,9 @@ private:
         uid_t uid;
         pid_t pid;
         DlrdFrameReader frames;
+        // When a client that owes us a complete request is dropped (ms of
+        // the monotonic clock); 0 while it owes nothing.
+        qint64 deadline;
     };
 
     bool listen();
@@ -32,6 +35,9 @@ private:
     // False when the client is to be dropped.
     bool serve(Client& client);
     void announceTermination();
+    // Drops the clients past their deadline; the ms until the next one, or -1.
+    int dropLateClients();
+    int rootClients() const;
 
     const DlrHelperOptions& options;
     DlrHelperRequests requests;

@@ -9,7 +9,10 @@
 #include "DlrdWire.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -26,6 +29,37 @@
 namespace {
 
 constexpr char kLabel[] = "com.oktavo.velluma.InstallerHelper";
+// The user the helper serves, and another user who attacks it.
+constexpr uid_t kUser = 4242;
+constexpr uid_t kOther = 4343;
+
+// What one attack tried and how often it got through; printed at the end.
+struct AttackTally {
+    QString attack;
+    int tries;
+    int escapes;
+};
+QList<AttackTally> tallies;
+
+// Runs the test client as `uid` (a real process of that user).
+int runAs(uid_t uid, const QStringList& arguments, QByteArray* output = nullptr, int timeoutMs = 120000)
+{
+    QProcess process;
+    process.start(QStringLiteral("setpriv"), QStringList{QStringLiteral("--reuid=%1").arg(uid),
+                                                         QStringLiteral("--regid=%1").arg(uid),
+                                                         QStringLiteral("--clear-groups"), QStringLiteral("--")}
+                                                 + arguments);
+    if (!process.waitForFinished(timeoutMs))
+        return -1;
+    if (output)
+        *output = process.readAllStandardOutput();
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+bool chownPath(const QString& path, uid_t uid)
+{
+    return ::lchown(QFile::encodeName(path).constData(), uid, uid) == 0;
+}
 
 QByteArray readToEnd(int fd)
 {
@@ -92,7 +126,17 @@ class TestHelperd : public QObject
     QTemporaryDir work;
     QString installer;
     HelperProcess daemon;
+    // Where other users can reach: the attacked helper's folder and the
+    // test client they run.
+    QTemporaryDir shared{QStringLiteral("/tmp/vlum-shared-XXXXXX")};
+    QString attackedFolder;
+    std::unique_ptr<HelperProcess> attacked;
+
+    QString attackClient() const { return shared.filePath(QStringLiteral("helperclient")); }
     std::unique_ptr<DlrdClient> client;
+
+    // A package file the helper can open for root: in a folder of root's.
+    QByteArray pkg(const char* name) const { return work.filePath(QLatin1String(name) + QStringLiteral(".pkg")).toLocal8Bit(); }
 
     QList<QByteArray> installerRun(const QByteArray& package) const
     {
@@ -110,7 +154,9 @@ private slots:
         installer = work.filePath(QStringLiteral("installer"));
         QFile script(installer);
         QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write("#!/bin/sh\ncase \"$5\" in *slow.pkg) sleep 1 ;; esac\necho \"installing $5\"\n");
+        // It shows what it was handed to install: the package the helper opened.
+        script.write("#!/bin/sh\ncase \"$5\" in *slow.pkg) sleep 1 ;; esac\necho \"installing $5\"\n"
+                     "[ \"$VLUM_PACKAGE_FD\" = 3 ] && cat <&3\n");
         script.close();
         QVERIFY(script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner));
         QFile secret(work.filePath(QStringLiteral("secret")));
@@ -122,9 +168,27 @@ private slots:
         QVERIFY(QFile::link(work.filePath(QStringLiteral("secret")), work.filePath(QStringLiteral("allowed/link"))));
         QVERIFY(QFile::link(work.path(), work.filePath(QStringLiteral("allowed/up"))));
         QVERIFY(QFile::link(installer, work.filePath(QStringLiteral("installer-link"))));
+        for (const char* name : {"x", "a", "slow"})
+            QVERIFY(QFile(QString::fromLocal8Bit(pkg(name))).open(QIODevice::WriteOnly));
 
         QVERIFY(daemon.Start(QStringLiteral(VLUM_HELPER),
                              {"--installer", installer, "--allow-folder", work.filePath(QStringLiteral("allowed"))}));
+
+        // A second helper, reachable by two other users, for the attacks.
+        QVERIFY(shared.isValid());
+        QVERIFY(QFile::setPermissions(shared.path(), QFile::permissions(shared.path()) | QFileDevice::ExeOther));
+        attackedFolder = shared.filePath(QStringLiteral("allowed"));
+        QVERIFY(QDir().mkpath(attackedFolder));
+        QVERIFY(QFile::setPermissions(attackedFolder, QFile::permissions(attackedFolder) | QFileDevice::ExeOther));
+        QVERIFY(QFile::copy(QStringLiteral(VLUM_HELPERCLIENT), attackClient()));
+        QVERIFY(QFile::setPermissions(attackClient(), QFile::permissions(attackClient()) | QFileDevice::ExeOther));
+        attacked.reset(new HelperProcess);
+        QVERIFY(attacked->Start(QStringLiteral(VLUM_HELPER),
+                                {"--installer", installer, "--allow-folder", attackedFolder, "--allow-uid",
+                                 QString::number(kUser), "--allow-uid", QString::number(kOther)}));
+        QVERIFY(QFile::setPermissions(QFileInfo(attacked->SocketPath()).path(),
+                                      QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                          | QFileDevice::ExeOther));
         StderrCapture log;
         client = clientOn(daemon.SocketPath());
         QCOMPARE(client->Init(), 0);
@@ -142,9 +206,9 @@ private slots:
 
         int fd = -1;
         int pid = 0;
-        QCOMPARE(client->ExecuteCommand(installerRun("/tmp/a.pkg"), fd, pid), 0);
+        QCOMPARE(client->ExecuteCommand(installerRun(pkg("a")), fd, pid), 0);
         QVERIFY(pid > 0);
-        QCOMPARE(readToEnd(fd), QByteArray("installing /tmp/a.pkg\n"));
+        QCOMPARE(readToEnd(fd), "installing " + pkg("a") + "\n");
     }
 
     void openFile_data()
@@ -187,16 +251,16 @@ private slots:
         QTest::addColumn<QList<QByteArray>>("argv");
         QTest::addColumn<bool>("runs");
         const QByteArray program = installer.toLocal8Bit();
-        QTest::newRow("the installer run") << installerRun("/tmp/x.pkg") << true;
+        QTest::newRow("the installer run") << installerRun(pkg("x")) << true;
         QTest::newRow("the installer through a link")
-            << (QList<QByteArray>{work.filePath(QStringLiteral("installer-link")).toLocal8Bit()} + installerRun("/tmp/x.pkg").mid(1))
+            << (QList<QByteArray>{work.filePath(QStringLiteral("installer-link")).toLocal8Bit()} + installerRun(pkg("x")).mid(1))
             << true;
         QTest::newRow("a shell") << QList<QByteArray>{"/bin/sh", "-c", "id"} << false;
-        QTest::newRow("a shell in the installer's shape") << (QList<QByteArray>{"/bin/sh"} + installerRun("/tmp/x.pkg").mid(1))
+        QTest::newRow("a shell in the installer's shape") << (QList<QByteArray>{"/bin/sh"} + installerRun(pkg("x")).mid(1))
                                                           << false;
-        QTest::newRow("extra argument") << (installerRun("/tmp/x.pkg") << "-dumplog") << false;
+        QTest::newRow("extra argument") << (installerRun(pkg("x")) << "-dumplog") << false;
         QTest::newRow("another target")
-            << QList<QByteArray>{program, "-verboseR", "-target", "/tmp", "-package", "/tmp/x.pkg"} << false;
+            << QList<QByteArray>{program, "-verboseR", "-target", "/tmp", "-package", pkg("x")} << false;
         QTest::newRow("not a package") << installerRun("/etc/shadow") << false;
         QTest::newRow("an option for a package") << installerRun("-file.pkg") << false;
         QTest::newRow("program alone") << QList<QByteArray>{program} << false;
@@ -212,7 +276,7 @@ private slots:
         int pid = 0;
         QCOMPARE(client->ExecuteCommand(argv, fd, pid), runs ? 0 : -1);
         if (runs) {
-            QCOMPARE(readToEnd(fd), QByteArray("installing /tmp/x.pkg\n"));
+            QCOMPARE(readToEnd(fd), "installing " + pkg("x") + "\n");
         } else {
             QVERIFY2(log.Text().contains(QLatin1String("ExecuteCommand failed: ")), qPrintable(log.Text()));
             QVERIFY(!log.Text().contains(QLatin1String("no error returned")));
@@ -269,7 +333,7 @@ private slots:
     {
         const int leaving = connectTo(daemon.SocketPath());
         DlrdMessage run = request(66003);
-        run.SetStringArray("argv", installerRun("/tmp/slow.pkg"));
+        run.SetStringArray("argv", installerRun(pkg("slow")));
         QVERIFY(DlrdSendMessage(leaving, 5, run));
         ::close(leaving);
 
@@ -335,6 +399,190 @@ private slots:
         QCOMPARE(other.Log().contains(QLatin1String("refused peer uid 65534")), !allowed);
     }
 
+    void packageOwnership_data()
+    {
+        QTest::addColumn<uint>("folderOwner");
+        QTest::addColumn<int>("folderMode");
+        QTest::addColumn<uint>("fileOwner");
+        QTest::addColumn<int>("fileMode");
+        QTest::addColumn<QString>("via"); // "", "link" (owned by linkOwner), "hard link", "fifo"
+        QTest::addColumn<uint>("linkOwner");
+        QTest::addColumn<bool>("runs");
+
+        QTest::newRow("the user's own package") << uint(kUser) << 0755 << uint(kUser) << 0644 << "" << 0u << true;
+        QTest::newRow("root's package") << 0u << 0755 << 0u << 0644 << "" << 0u << true;
+        QTest::newRow("the user's link to another disk") << uint(kUser) << 0755 << uint(kUser) << 0644 << "link"
+                                                         << uint(kUser) << true;
+        QTest::newRow("the user's package in a shared sticky folder")
+            << 0u << 01777 << uint(kUser) << 0644 << "" << 0u << true;
+        QTest::newRow("planted by another user in a shared folder")
+            << 0u << 01777 << uint(kOther) << 0644 << "" << 0u << false;
+        QTest::newRow("in another user's folder") << uint(kOther) << 0755 << uint(kUser) << 0644 << "" << 0u << false;
+        QTest::newRow("in a folder others can write") << uint(kUser) << 0777 << uint(kUser) << 0644 << "" << 0u
+                                                      << false;
+        QTest::newRow("a package others can write") << uint(kUser) << 0755 << uint(kUser) << 0666 << "" << 0u
+                                                    << false;
+        QTest::newRow("a package with a second name") << uint(kUser) << 0755 << uint(kUser) << 0644 << "hard link"
+                                                      << 0u << false;
+        QTest::newRow("another user's link on the way") << uint(kUser) << 0755 << uint(kUser) << 0644 << "link"
+                                                        << uint(kOther) << false;
+        QTest::newRow("a FIFO for a package") << uint(kUser) << 0755 << uint(kUser) << 0644 << "fifo" << 0u << false;
+    }
+
+    // The helper installs only a package that the asking user or root owns,
+    // in folders nobody else can change, and hands the installer the very
+    // file it checked.
+    void packageOwnership()
+    {
+        QFETCH(uint, folderOwner);
+        QFETCH(int, folderMode);
+        QFETCH(uint, fileOwner);
+        QFETCH(int, fileMode);
+        QFETCH(QString, via);
+        QFETCH(uint, linkOwner);
+        QFETCH(bool, runs);
+        if (::geteuid() != 0)
+            QSKIP("needs root to act as other users");
+        QTemporaryDir arena(QStringLiteral("/tmp/vlum-arena-XXXXXX"));
+        QVERIFY(QFile::setPermissions(arena.path(), QFile::permissions(arena.path()) | QFileDevice::ExeOther));
+        const QString folder = arena.filePath(QStringLiteral("folder"));
+        QVERIFY(QDir().mkpath(folder));
+        const QString package = folder + QStringLiteral("/p.pkg");
+        if (via == QLatin1String("fifo")) {
+            QCOMPARE(::mkfifo(QFile::encodeName(package).constData(), 0644), 0);
+        } else {
+            QFile file(package);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write("the package\n");
+        }
+        QCOMPARE(::chmod(QFile::encodeName(package).constData(), mode_t(fileMode)), 0);
+        QVERIFY(chownPath(package, fileOwner));
+        QCOMPARE(::chmod(QFile::encodeName(folder).constData(), mode_t(folderMode)), 0);
+        QVERIFY(chownPath(folder, folderOwner));
+        QString asked = package;
+        if (via == QLatin1String("link")) {
+            asked = arena.filePath(QStringLiteral("Downloads/p.pkg"));
+            QVERIFY(QFile::link(folder, arena.filePath(QStringLiteral("Downloads"))));
+            QVERIFY(chownPath(arena.filePath(QStringLiteral("Downloads")), linkOwner));
+        } else if (via == QLatin1String("hard link")) {
+            QCOMPARE(::link(QFile::encodeName(package).constData(), QFile::encodeName(package + ".2").constData()), 0);
+        }
+
+        QByteArray output;
+        const int status =
+            runAs(kUser, {attackClient(), attacked->SocketPath(), QStringLiteral("exec"), installer, asked}, &output);
+        QCOMPARE(status, runs ? 0 : 1);
+        if (runs)
+            QCOMPARE(output, "installing " + QFile::encodeName(asked) + "\nthe package\n");
+        else
+            tallies << AttackTally{QString::fromLatin1(QTest::currentDataTag()), 1, status == 0 ? 1 : 0};
+    }
+
+    // Races and floods from an allowed user: never a file read or made
+    // outside the allowed folder, never everybody else locked out.
+    void attacks()
+    {
+        if (::geteuid() != 0)
+            QSKIP("needs root to act as other users");
+        QTemporaryDir arena(QStringLiteral("/tmp/vlum-arena-XXXXXX"));
+        QVERIFY(QFile::setPermissions(arena.path(), QFile::permissions(arena.path()) | QFileDevice::ExeOther));
+        const QString allowed = attackedFolder;
+        const QString mine = allowed + QStringLiteral("/mine");
+        const QString secret = arena.filePath(QStringLiteral("secret"));
+        QVERIFY(QDir().mkpath(mine + QStringLiteral("/sub")) && QDir().mkpath(secret));
+        {
+            QFile hidden(secret + QStringLiteral("/file"));
+            QVERIFY(hidden.open(QIODevice::WriteOnly));
+            hidden.write("secret\n");
+            QFile open(mine + QStringLiteral("/sub/file"));
+            QVERIFY(open.open(QIODevice::WriteOnly));
+            open.write("public\n");
+        }
+        QCOMPARE(::chmod(QFile::encodeName(secret).constData(), 0700), 0);
+        QVERIFY(QFile::link(secret, mine + QStringLiteral("/evil")));
+        for (const QString& path : {mine, mine + QStringLiteral("/sub"), mine + QStringLiteral("/sub/file"),
+                                    mine + QStringLiteral("/evil")})
+            QVERIFY(chownPath(path, kOther));
+
+        // The folder below the allowed one swapped for a link, 10,000 times.
+        QByteArray output;
+        QCOMPARE(runAs(kOther, {attackClient(), attacked->SocketPath(), QStringLiteral("race"), mine,
+                                QStringLiteral("10000")},
+                       &output),
+                 0);
+        const QRegularExpressionMatch race =
+            QRegularExpression(QStringLiteral("swaps=(\\d+) reads=(\\d+) secrets=(\\d+)")).match(QString::fromLatin1(output));
+        QVERIFY2(race.hasMatch() && race.captured(1) == QLatin1String("10000"), output.constData());
+        const int made = QDir(secret).entryList({QStringLiteral("made-*")}).size();
+        tallies << AttackTally{QStringLiteral("folder swapped for a link (reads, files made)"), 10000,
+                               race.captured(3).toInt() + made};
+        QCOMPARE(race.captured(3).toInt() + made, 0);
+        QVERIFY2(race.captured(2).toInt() > 0, "no read ever got through: the race tested nothing");
+
+        // A FIFO in the allowed folder: refused at once, for reading and
+        // for writing, and the helper still answers and still stops.
+        const QString fifo = mine + QStringLiteral("/fifo");
+        QCOMPARE(::mkfifo(QFile::encodeName(fifo).constData(), 0666), 0);
+        QVERIFY(chownPath(fifo, kOther));
+        QElapsedTimer clock;
+        clock.start();
+        const QString readOnly = QString::number(O_RDONLY);
+        const QString writeOnly = QString::number(O_WRONLY);
+        const int opened = (runAs(kOther, {attackClient(), attacked->SocketPath(), "open", fifo, readOnly}) == 0)
+            + (runAs(kOther, {attackClient(), attacked->SocketPath(), "open", fifo, writeOnly}) == 0);
+        tallies << AttackTally{QStringLiteral("FIFO opened through the helper"), 2, opened};
+        QCOMPARE(opened, 0);
+        QVERIFY2(clock.elapsed() < 5000, "the helper waited on the FIFO");
+
+        // 64 idle connections of one user: the user gets its share only,
+        // and the others and root are still served.
+        QProcess flood;
+        flood.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=%1").arg(kOther),
+                                                QStringLiteral("--regid=%1").arg(kOther), QStringLiteral("--clear-groups"),
+                                                QStringLiteral("--"), attackClient(), attacked->SocketPath(),
+                                                QStringLiteral("hold"), QStringLiteral("64"), QStringLiteral("20")});
+        QVERIFY(flood.waitForReadyRead(60000));
+        const int held = flood.readAllStandardOutput().trimmed().toInt();
+        QByteArray served;
+        const bool userServed = runAs(kUser, {attackClient(), attacked->SocketPath(), QStringLiteral("exec"), installer,
+                                              pkg("x")},
+                                      &served)
+            == 0;
+        std::unique_ptr<DlrdClient> root = clientOn(attacked->SocketPath());
+        const bool rootServed = root->Init() == 0;
+        flood.kill();
+        flood.waitForFinished(5000);
+        tallies << AttackTally{QStringLiteral("connection flood (64 idle, others locked out)"), 64,
+                               (userServed ? 0 : 1) + (rootServed ? 0 : 1)};
+        QVERIFY2(held > 0 && held < 64, qPrintable(QString::number(held)));
+        QVERIFY(userServed);
+        QVERIFY(rootServed);
+
+        // A connection that never completes a request is dropped.
+        const int silent = connectTo(attacked->SocketPath());
+        QVERIFY(silent >= 0);
+        pollfd p{silent, POLLIN, 0};
+        QCOMPARE(::poll(&p, 1, 10000), 1);
+        char byte;
+        QCOMPARE(::read(silent, &byte, 1), ssize_t(0));
+        ::close(silent);
+
+        // Asked to stop, it stops within a second.
+        clock.restart();
+        attacked->Stop(SIGTERM);
+        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(!attacked->IsRunning());
+    }
+
+    void cleanupTestCase()
+    {
+        if (tallies.isEmpty())
+            return;
+        qInfo("%-50s %6s %8s", "attack", "tries", "escapes");
+        for (const AttackTally& tally : qAsConst(tallies))
+            qInfo("%-50s %6d %8d", qPrintable(tally.attack), tally.tries, tally.escapes);
+    }
+
     // A helper that dies takes the client to "dropped" for good.
     void killedDaemon()
     {
@@ -355,7 +603,7 @@ private slots:
         QCOMPARE(own->transport->QueryVersion(), -1);
         int fd = -1;
         int pid = 0;
-        QCOMPARE(own->ExecuteCommand(installerRun("/tmp/x.pkg"), fd, pid), -1);
+        QCOMPARE(own->ExecuteCommand(installerRun(pkg("x")), fd, pid), -1);
     }
 
     void scriptedReplies_data()
@@ -446,6 +694,64 @@ private slots:
 
     // Where no service manager runs, the install script fails with its
     // reason on the last line and writes no service.
+    void installScript_data()
+    {
+        QTest::addColumn<QString>("programFolder"); // "": the build's own; else made with folderOwner/folderMode
+        QTest::addColumn<uint>("folderOwner");
+        QTest::addColumn<int>("folderMode");
+        QTest::addColumn<QString>("socketName");
+        QTest::addColumn<QString>("expected"); // the ExecStart line, or the reason it failed
+
+        QTest::newRow("quotes, specifiers and variables escaped")
+            << "" << 0u << 0 << "a \"b\" %n $HOME \\c.sock"
+            << "ExecStart=\"@HELPER@\" --socket \"@WORK@/a \\\"b\\\" %%n $$HOME \\\\c.sock\" --installer \"@INSTALLER@\"";
+        QTest::newRow("a line break in a path") << "" << 0u << 0 << "a\nb.sock" << "a control character in a path";
+        QTest::newRow("a program in a folder others can write")
+            << "open" << 0u << 0777 << "s.sock" << "writable by others than root: @FOLDER@";
+        QTest::newRow("a program in another user's folder")
+            << "theirs" << uint(kOther) << 0755 << "s.sock" << "not owned by root: @FOLDER@";
+    }
+
+    // The service unit names only what root alone can change, and a path
+    // cannot smuggle anything into it.
+    void installScript()
+    {
+        QFETCH(QString, programFolder);
+        QFETCH(uint, folderOwner);
+        QFETCH(int, folderMode);
+        QFETCH(QString, socketName);
+        QFETCH(QString, expected);
+        if (::geteuid() != 0)
+            QSKIP("the script refuses to run without administrator rights");
+        QString helper = QStringLiteral(VLUM_HELPER);
+        const QString folder = work.filePath(programFolder);
+        if (!programFolder.isEmpty()) {
+            QVERIFY(QDir().mkpath(folder));
+            helper = folder + QStringLiteral("/velluma-installer-helper");
+            QFile::remove(helper);
+            QVERIFY(QFile::copy(QStringLiteral(VLUM_HELPER), helper));
+            QCOMPARE(::chmod(QFile::encodeName(folder).constData(), mode_t(folderMode)), 0);
+            QVERIFY(chownPath(folder, folderOwner));
+        }
+        QProcess script;
+        script.start(QStringLiteral(VLUM_LIBEXEC_DIR "/install-helper"),
+                     {QStringLiteral("--print-unit"), helper, installer, work.filePath(socketName),
+                      QStringLiteral("com.oktavo.velluma.test.InstallerHelper")});
+        QVERIFY(script.waitForFinished(10000));
+        expected.replace(QLatin1String("@HELPER@"), QFileInfo(helper).canonicalFilePath())
+            .replace(QLatin1String("@INSTALLER@"), QFileInfo(installer).canonicalFilePath())
+            .replace(QLatin1String("@WORK@"), QFileInfo(work.path()).canonicalFilePath())
+            .replace(QLatin1String("@FOLDER@"), QFileInfo(folder).canonicalFilePath());
+        if (expected.startsWith(QLatin1String("ExecStart="))) {
+            QCOMPARE(script.exitCode(), 0);
+            const QStringList lines = QString::fromUtf8(script.readAllStandardOutput()).split(QLatin1Char('\n'));
+            QCOMPARE(lines.filter(QStringLiteral("ExecStart=")), QStringList{expected});
+        } else {
+            QCOMPARE(script.exitCode(), 1);
+            QCOMPARE(QString::fromUtf8(script.readAllStandardError().trimmed().split('\n').last()), expected);
+        }
+    }
+
     void installScriptWithoutServiceManager()
     {
         if (QFileInfo::exists(QStringLiteral("/run/systemd/system")))

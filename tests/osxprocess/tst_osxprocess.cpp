@@ -79,6 +79,9 @@ private slots:
         script.write(kScript);
         script.close();
         QVERIFY(script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner));
+        // The helper opens each package before it runs the installer on it.
+        for (const char* name : {"ab", "silent", "fails", "stderr", "env", "slow"})
+            QVERIFY(QFile(work.filePath(QLatin1String(name) + QStringLiteral(".pkg"))).open(QIODevice::WriteOnly));
         QVERIFY(daemon.Start(QStringLiteral(VLUM_HELPER), {"--installer", installer}));
         // The process object makes its helper client on first use, from here.
         qputenv("VLUM_HELPER_SOCKET", daemon.SocketPath().toLocal8Bit());
