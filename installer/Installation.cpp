@@ -155,6 +155,8 @@ void install(const CommandLine& line, const Progress& progress)
     progress.say("installer: Installing at base path " + folder);
     progress.percent(5);
     checkSpace(target.get(), folder, contents);
+    const Mover mover(target.get(), folder);
+    mover.check(contents);
 
     progress.phase(ellipsis("Validating packages"));
     progress.percent(10);
@@ -163,9 +165,7 @@ void install(const CommandLine& line, const Progress& progress)
         progress.phase(ellipsis("Installing " + contents.identifier));
         Unpacker(staging.get(), progress).unpack(copy.bytes(), contents, package);
         progress.phase(ellipsis("Moving items into place"));
-        const Mover mover(staging.get(), target.get(), folder);
-        mover.check();
-        mover.move();
+        mover.move(staging.get());
         progress.percent(95);
     }
     progress.phase(ellipsis("Finishing the Installation"));

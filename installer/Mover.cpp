@@ -3,56 +3,92 @@
 #include "Beneath.h"
 #include "Refused.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <utility>
+#include <vector>
 
-void Mover::walk(int stagedFolder, int targetFolder, const std::string& relative, bool apply) const
+std::string Mover::shown(const std::string& relative) const
 {
-    struct stat folderInfo;
-    struct stat stagingInfo;
-    if (::fstat(targetFolder, &folderInfo) != 0 || ::fstat(staging, &stagingInfo) != 0)
-        throw Refused(withSystemError("cannot look at " + targetPath, errno));
-    const std::string shownFolder = (targetPath == "/" ? std::string() : targetPath) + '/' + relative
-        + (relative.empty() ? "" : "/");
-    // A rename cannot cross into another file system.
-    if (folderInfo.st_dev != stagingInfo.st_dev)
-        throw Refused("cannot install into " + shownFolder + ": another file system than " + targetPath);
+    return (targetPath == "/" ? std::string() : targetPath) + '/' + relative;
+}
 
+void Mover::fits(bool folder, const struct stat& there, const std::string& relative) const
+{
+    if (folder && S_ISLNK(there.st_mode))
+        throw Refused("would write through the link " + shown(relative) + " already in the target");
+    if (folder != S_ISDIR(there.st_mode))
+        throw Refused("would replace a folder by a file or the reverse: " + shown(relative));
+}
+
+void Mover::check(const PackageContents& contents) const
+{
+    struct stat targetInfo;
+    if (::fstat(target, &targetInfo) != 0)
+        throw Refused(withSystemError("cannot look at " + targetPath, errno));
+    // Every path of the payload, a folder before what it holds.
+    std::vector<std::pair<std::string, bool>> paths;
+    for (const auto& [path, mode] : contents.folders)
+        paths.emplace_back(path, true);
+    for (const ArchiveEntry& entry : contents.payload)
+        if (entry.type != EntryType::Folder)
+            paths.emplace_back(entry.path.substr(kPayloadFolder.size()), false);
+    std::sort(paths.begin(), paths.end());
+
+    for (const auto& [path, folder] : paths) {
+        // A folder the target lacks is moved whole: what it holds needs
+        // no look.
+        const Descriptor parent = openFolderBeneath(target, folderOf(path), false);
+        if (!parent.valid() && errno == ENOENT)
+            continue;
+        struct stat there;
+        if (!parent.valid() || ::fstatat(parent.get(), nameOf(path).c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno == ENOENT)
+                continue;
+            throw Refused(withSystemError("cannot look at " + shown(path), errno));
+        }
+        fits(folder, there, path);
+        // A rename cannot cross into another file system.
+        if (folder && there.st_dev != targetInfo.st_dev)
+            throw Refused("cannot install into " + shown(path) + ": another file system than " + targetPath);
+    }
+}
+
+void Mover::walk(int stagedFolder, int targetFolder, const std::string& relative) const
+{
     bool moved = false;
     for (const std::string& name : listFolder(stagedFolder)) {
-        const std::string shown = shownFolder + name;
+        const std::string path = relative.empty() ? name : relative + '/' + name;
         struct stat staged;
         struct stat there;
         if (::fstatat(stagedFolder, name.c_str(), &staged, AT_SYMLINK_NOFOLLOW) != 0)
-            throw Refused(withSystemError("cannot look at the staged " + shown, errno));
+            throw Refused(withSystemError("cannot look at the staged " + path, errno));
         if (::fstatat(targetFolder, name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno != ENOENT)
-                throw Refused(withSystemError("cannot look at " + shown, errno));
-            if (apply && ::renameat2(stagedFolder, name.c_str(), targetFolder, name.c_str(), RENAME_NOREPLACE) != 0)
-                throw Refused(withSystemError("cannot move " + shown + " into place", errno));
-            moved = apply;
+                throw Refused(withSystemError("cannot look at " + shown(path), errno));
+            if (::renameat2(stagedFolder, name.c_str(), targetFolder, name.c_str(), RENAME_NOREPLACE) != 0)
+                throw Refused(withSystemError("cannot move " + shown(path) + " into place", errno));
+            moved = true;
             continue;
         }
         const bool folder = S_ISDIR(staged.st_mode);
-        if (folder && S_ISLNK(there.st_mode))
-            throw Refused("would write through the link " + shown + " already in the target");
-        if (folder != S_ISDIR(there.st_mode))
-            throw Refused("would replace a folder by a file or the reverse: " + shown);
+        fits(folder, there, path);
         if (!folder) {
-            if (apply && ::renameat(stagedFolder, name.c_str(), targetFolder, name.c_str()) != 0)
-                throw Refused(withSystemError("cannot move " + shown + " into place", errno));
-            moved = apply;
+            if (::renameat(stagedFolder, name.c_str(), targetFolder, name.c_str()) != 0)
+                throw Refused(withSystemError("cannot move " + shown(path) + " into place", errno));
+            moved = true;
             continue;
         }
         const Descriptor stagedInside = openFolderBeneath(stagedFolder, name, false);
         const Descriptor targetInside = openFolderBeneath(targetFolder, name, false);
         if (!stagedInside.valid() || !targetInside.valid())
-            throw Refused(withSystemError("cannot open " + shown, errno));
-        walk(stagedInside.get(), targetInside.get(), relative.empty() ? name : relative + '/' + name, apply);
+            throw Refused(withSystemError("cannot open " + shown(path), errno));
+        walk(stagedInside.get(), targetInside.get(), path);
     }
     // The new names on the disk too.
     if (moved && ::fsync(targetFolder) != 0)
-        throw Refused(withSystemError("cannot write " + shownFolder + " to disk", errno));
+        throw Refused(withSystemError("cannot write " + shown(relative) + " to disk", errno));
 }

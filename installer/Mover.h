@@ -8,28 +8,30 @@
 // is a folder where the package has a file or the reverse, so a link left
 // by an earlier package cannot lead a later one out of the target.
 
+#include "PackageReader.h"
+
 #include <string>
-#include <sys/types.h>
 
 class Mover
 {
 public:
     // `targetPath` only goes into messages.
-    Mover(int staging, int target, const std::string& targetPath)
-        : staging(staging), target(target), targetPath(targetPath)
-    {
-    }
+    Mover(int target, const std::string& targetPath) : target(target), targetPath(targetPath) {}
 
-    // Throws Refused for the first entry that cannot be moved; moves nothing.
-    void check() const { walk(staging, target, std::string(), false); }
-    // Throws Refused when the target changed since check() in a way it
-    // would have refused.
-    void move() const { walk(staging, target, std::string(), true); }
+    // Before anything is written: throws Refused for the first entry of
+    // the package that could not be moved into the target as it is now.
+    void check(const PackageContents& contents) const;
+    // Moves the staged tree into place. Throws Refused, and stops, where
+    // the target has changed since check() in a way it would have refused.
+    void move(int staging) const { walk(staging, target, std::string()); }
 
 private:
-    void walk(int stagedFolder, int targetFolder, const std::string& relative, bool apply) const;
+    void walk(int stagedFolder, int targetFolder, const std::string& relative) const;
+    // Throws Refused when `there`, in the target at `relative`, cannot take
+    // the package's entry (a folder or not).
+    void fits(bool folder, const struct stat& there, const std::string& relative) const;
+    std::string shown(const std::string& relative) const;
 
-    int staging;
     int target;
     std::string targetPath;
 };
