@@ -53,8 +53,12 @@ private slots:
     void installedProductsAreFound()
     {
         const QString catalog = work.filePath(QStringLiteral("catalog"));
-        const QStringList installRoot{QStringLiteral("VLUM_INSTALL_ROOT=") + machine};
-        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"), {catalog}, work.path());
+        // Signed with the build's demo key and installed trusting it, as
+        // the demo does: make-pkg and the installer agree on the digest.
+        const QStringList installRoot{QStringLiteral("VLUM_INSTALL_ROOT=") + machine,
+                                      QStringLiteral("VLUM_TRUSTED_KEYS=" VLUM_TRUSTED_DEMO_KEYS)};
+        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"),
+                                       {QStringLiteral("--sign-key"), QStringLiteral(VLUM_DEMO_KEY), catalog}, work.path());
         QVERIFY2(made.exitStatus == QProcess::NormalExit && made.exitCode == 0, made.err.constData());
         const QDir packages(catalog + QStringLiteral("/packages"));
         const QStringList files = packages.entryList({QStringLiteral("*.pkg")}, QDir::Files);
@@ -63,7 +67,8 @@ private slots:
             const ChildRun installed = runChild(QStringLiteral(VLUM_LIBEXEC_DIR "/installer"),
                                                 {"-verboseR", "-target", "/", "-package", packages.filePath(file)},
                                                 work.path(), installRoot);
-            QVERIFY2(installed.exitCode == 0 && installed.out.endsWith("installer: The install was successful.\n"),
+            QVERIFY2(installed.exitCode == 0 && installed.out.contains("installer:STATUS:Signature verified")
+                         && installed.out.endsWith("installer: The install was successful.\n"),
                      qPrintable(file + QLatin1Char(' ') + QString::fromUtf8(installed.out.right(300))));
         }
 

@@ -133,7 +133,8 @@ private slots:
         downloads = QDir::homePath() + QStringLiteral("/Downloads");
 
         demoCatalog = work.filePath(QStringLiteral("demo-catalog"));
-        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"), {demoCatalog},
+        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"),
+                                       {QStringLiteral("--sign-key"), QStringLiteral(VLUM_DEMO_KEY), demoCatalog},
                                        work.path());
         QVERIFY2(made.exitCode == 0, made.err.constData());
         const QDir packages(demoCatalog + QStringLiteral("/packages"));
@@ -145,8 +146,11 @@ private slots:
         QVERIFY(server.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
         WizardDriver::useServer(server);
 
-        // The helper runs the bundle's own installer, into the machine.
-        QVERIFY(helper.Start(QStringLiteral(VLUM_HELPER), {}, {QStringLiteral("VLUM_INSTALL_ROOT=") + machine}));
+        // The helper runs the bundle's own installer, into the machine,
+        // trusting the demo key as the demo does.
+        QVERIFY(helper.Start(QStringLiteral(VLUM_HELPER), {},
+                             {QStringLiteral("VLUM_INSTALL_ROOT=") + machine,
+                              QStringLiteral("VLUM_TRUSTED_KEYS=" VLUM_TRUSTED_DEMO_KEYS)}));
         qputenv("VLUM_HELPER_SOCKET", QFile::encodeName(helper.SocketPath()));
         QDesktopServices::setUrlHandler(QStringLiteral("https"), &browser, "open");
     }

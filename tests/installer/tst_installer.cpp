@@ -1,6 +1,7 @@
-// The package installer stand-in: a good package installed through the real
-// helper, with its progress stream; broken and hostile packages refused
-// with the target left exactly as it was.
+// The package installer: a good package installed through the real helper,
+// with its progress stream; broken, hostile, unsigned and tampered packages
+// refused with the target left exactly as it was and nothing written beside
+// it.
 
 #include "../support/HelperProcess.h"
 
@@ -13,9 +14,12 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/stat.h>
+
 namespace {
 
 const QString kInstaller = QStringLiteral(VLUM_LIBEXEC_DIR "/installer");
+const QString kMakeTestPkg = QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/make-test-pkg");
 
 bool writeFile(const QString& path, const QByteArray& data)
 {
@@ -47,13 +51,30 @@ QStringList snapshot(const QString& root)
     return entries;
 }
 
-int run(const QString& program, const QStringList& arguments, const QString& installRoot = QString(),
+// Links under `root` that lead out of it, followed as they are.
+QStringList linksLeaving(const QString& root)
+{
+    const QString inside = QFileInfo(root).canonicalFilePath();
+    QStringList leaving;
+    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QFileInfo info(it.next());
+        const QString target = info.canonicalFilePath();
+        if (info.isSymLink() && !target.isEmpty() && target != inside && !target.startsWith(inside + '/'))
+            leaving << info.filePath();
+    }
+    return leaving;
+}
+
+// `environment`: NAME=value entries added to this process's environment.
+int run(const QString& program, const QStringList& arguments, const QStringList& environment = {},
         QByteArray* output = nullptr)
 {
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    if (!installRoot.isEmpty())
-        env.insert(QStringLiteral("VLUM_INSTALL_ROOT"), installRoot);
+    for (const QString& entry : environment)
+        env.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
     process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(program, arguments);
@@ -78,6 +99,23 @@ class TestInstaller : public QObject
         return {"-verboseR", "-target", "/", "-package", package};
     }
 
+    // The installer's environment: the target under `root`, and the keys
+    // it trusts: "none" (no folder), "demo" (the build's demo key, as in
+    // the demo) or "loose" (that key in a folder anyone may write to).
+    QStringList installEnvironment(const QString& root, const QString& keys) const
+    {
+        const QString folder = keys == QLatin1String("demo") ? QStringLiteral(VLUM_TRUSTED_DEMO_KEYS)
+                                                             : work.filePath(keys + QStringLiteral("-keys"));
+        return {"VLUM_INSTALL_ROOT=" + root, "VLUM_TRUSTED_KEYS=" + folder};
+    }
+
+    // Makes a package of make-test-pkg's `kind`; signed kinds use the demo key.
+    QString makePackage(const QString& kind) const
+    {
+        const QString package = work.filePath(kind + ".pkg");
+        return run(kMakeTestPkg, {kind, package, QStringLiteral(VLUM_DEMO_KEY)}) == 0 ? package : QString();
+    }
+
 private slots:
     void initTestCase()
     {
@@ -90,8 +128,14 @@ private slots:
         QVERIFY(QFile::link(QStringLiteral("bin/velluma"), payload + "/opt/Oktavo/Velluma/current"));
         goodPackage = work.filePath(QStringLiteral("velluma.pkg"));
         QCOMPARE(run(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-pkg"),
-                     {"--identifier", "com.oktavo.velluma", "--version", "3.2", payload, goodPackage}),
+                     {"--sign", VLUM_DEMO_KEY, "--identifier", "com.oktavo.velluma", "--version", "3.2", payload,
+                      goodPackage}),
                  0);
+
+        const QString loose = work.filePath(QStringLiteral("loose-keys"));
+        QVERIFY(QDir().mkpath(loose));
+        QVERIFY(QFile::copy(QStringLiteral(VLUM_TRUSTED_DEMO_KEYS "/velluma-demo.pem"), loose + "/velluma-demo.pem"));
+        QVERIFY(::chmod(QFile::encodeName(loose).constData(), 0777) == 0);
     }
 
     // The whole road: the wizard's process object, the helper, the
@@ -101,7 +145,7 @@ private slots:
         QTemporaryDir root;
         HelperProcess daemon;
         QVERIFY(daemon.Start(QStringLiteral(VLUM_HELPER), {"--installer", kInstaller},
-                             {"VLUM_INSTALL_ROOT=" + root.path()}));
+                             installEnvironment(root.path(), QStringLiteral("demo"))));
         qputenv("VLUM_HELPER_SOCKET", daemon.SocketPath().toLocal8Bit());
 
         DlrOSXProcess process;
@@ -145,7 +189,7 @@ private slots:
         QTemporaryDir root;
         QVERIFY(writeFile(root.filePath(QStringLiteral("opt/Oktavo/Other/keep")), "other product\n"));
         QVERIFY(writeFile(root.filePath(QStringLiteral("opt/Oktavo/Velluma/Resources/build.txt")), "build 1\n"));
-        QCOMPARE(run(kInstaller, installArguments(goodPackage), root.path()), 0);
+        QCOMPARE(run(kInstaller, installArguments(goodPackage), installEnvironment(root.path(), "demo")), 0);
         const QStringList after = snapshot(root.path());
         QVERIFY(after.contains(QStringLiteral("opt/Oktavo/Other/keep = other product\n")));
         QVERIFY(after.contains(QStringLiteral("opt/Oktavo/Velluma/Resources/build.txt = build 1234\n")));
@@ -154,41 +198,165 @@ private slots:
     void refused_data()
     {
         QTest::addColumn<QString>("kind");
+        QTest::addColumn<QString>("keys");
         QTest::addColumn<QString>("reason");
-        QTest::newRow("text file") << "text" << "not a package archive";
-        QTest::newRow("compressed, not an archive") << "gzip-not-tar" << "not a package archive";
-        QTest::newRow("archive, not compressed") << "tar-not-gzip" << "not a package archive";
-        QTest::newRow("no PackageInfo") << "no-info" << "no PackageInfo";
-        QTest::newRow("PackageInfo without version") << "info-without-version" << "PackageInfo needs";
-        QTest::newRow("absolute entry") << "absolute-entry" << "absolute entry name";
-        QTest::newRow("'..' entry") << "dotdot-entry" << "entry name with '..'";
-        QTest::newRow("absolute link") << "absolute-link" << "points outside the target";
-        QTest::newRow("link climbing out") << "climbing-link" << "points outside the target";
-        QTest::newRow("two links that leave together") << "links-together" << "points outside the target";
-        QTest::newRow("file written through links") << "file-through-links" << "leads outside the target";
-        QTest::newRow("hard link outside the payload") << "hard-link-outside" << "outside the payload";
-        QTest::newRow("device node") << "device" << "unsupported entry type";
+        QTest::addColumn<QStringList>("installedFirst"); // whatever becomes of them
+        const QString none = QStringLiteral("none");
+        const QString demo = QStringLiteral("demo");
+        const QString changed = QStringLiteral("signature does not match");
+        QTest::newRow("text file") << "text" << none << "not a package archive" << QStringList();
+        QTest::newRow("compressed, not an archive") << "gzip-not-tar" << none << "not a package archive" << QStringList();
+        QTest::newRow("archive, not compressed") << "tar-not-gzip" << none << "not a package archive" << QStringList();
+        QTest::newRow("no PackageInfo") << "no-info" << none << "no PackageInfo" << QStringList();
+        QTest::newRow("PackageInfo without version") << "info-without-version" << none << "PackageInfo needs"
+                                                      << QStringList();
+        QTest::newRow("absolute entry") << "absolute-entry" << none << "absolute entry name" << QStringList();
+        QTest::newRow("'..' entry") << "dotdot-entry" << none << "entry name with '..'" << QStringList();
+        QTest::newRow("'..' entry with a newline, escaped")
+            << "dotdot-newline" << none << "entry name with '..': Payload/../vlum\\nescaped" << QStringList();
+        QTest::newRow("absolute link") << "absolute-link" << none << "points outside the target" << QStringList();
+        QTest::newRow("link climbing out") << "climbing-link" << none << "points outside the target" << QStringList();
+        QTest::newRow("two links that leave together") << "links-together" << none << "points outside the target"
+                                                        << QStringList();
+        QTest::newRow("file written through links") << "file-through-links" << none << "leads outside the target"
+                                                     << QStringList();
+        QTest::newRow("hard link outside the payload") << "hard-link-outside" << none << "outside the payload"
+                                                       << QStringList();
+        QTest::newRow("device node") << "device" << none << "unsupported entry type" << QStringList();
+        QTest::newRow("decompression bomb") << "bomb" << none << "unpacks to more than 64 GiB" << QStringList();
+        QTest::newRow("three packages chaining links")
+            << "chain-escape" << none << "would write through the link" << QStringList{"chain-link", "chain-up"};
+        QTest::newRow("unsigned, a key trusted") << "unsigned" << demo << "unsigned" << QStringList();
+        QTest::newRow("signed by a foreign key") << "foreign-signed" << demo << "untrusted key" << QStringList();
+        QTest::newRow("malformed signature") << "malformed-signature" << demo << "malformed signature" << QStringList();
+        QTest::newRow("PackageInfo changed after signing") << "tampered-info" << demo << changed << QStringList();
+        QTest::newRow("payload byte changed after signing") << "tampered-content" << demo << changed << QStringList();
+        QTest::newRow("name changed after signing") << "tampered-name" << demo << changed << QStringList();
+        QTest::newRow("mode changed after signing") << "tampered-mode" << demo << changed << QStringList();
+        QTest::newRow("link changed after signing") << "tampered-link" << demo << changed << QStringList();
+        QTest::newRow("entry added after signing") << "tampered-added" << demo << changed << QStringList();
+        QTest::newRow("entry removed after signing") << "tampered-removed" << demo << changed << QStringList();
+        QTest::newRow("key folder anyone may write to") << "signed" << "loose" << "writable by no one else"
+                                                        << QStringList();
     }
 
     // Refused before or during unpacking, never half-installed: the target
-    // is exactly as before and nothing appeared outside it either.
+    // is exactly as before, nothing appeared beside it, no link in it leads
+    // out, and every line of output is one of the installer's.
     void refused()
     {
         QFETCH(QString, kind);
+        QFETCH(QString, keys);
         QFETCH(QString, reason);
-        QTemporaryDir root;
-        QVERIFY(writeFile(root.filePath(QStringLiteral("opt/keep")), "kept\n"));
-        const QStringList before = snapshot(root.path());
-        const QString package = work.filePath(kind + ".pkg");
-        QCOMPARE(run(QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/make-bad-pkg"), {kind, package}), 0);
+        QFETCH(QStringList, installedFirst);
+        QTemporaryDir box;
+        const QString root = box.filePath(QStringLiteral("root"));
+        QVERIFY(writeFile(root + QStringLiteral("/opt/keep"), "kept\n"));
+        const QStringList environment = installEnvironment(root, keys);
+        for (const QString& earlier : installedFirst)
+            run(kInstaller, installArguments(makePackage(earlier)), environment);
+        const QStringList before = snapshot(root);
+        const QString package = makePackage(kind);
+        QVERIFY(!package.isEmpty());
 
         QByteArray output;
-        QCOMPARE(run(kInstaller, installArguments(package), root.path(), &output), 1);
-        const QByteArray last = output.trimmed().split('\n').last();
-        QVERIFY2(last.startsWith("installer: Error - ") && last.contains(reason.toUtf8()), last.constData());
-        QCOMPARE(snapshot(root.path()), before);
+        QCOMPARE(run(kInstaller, installArguments(package), environment, &output), 1);
+        const QList<QByteArray> lines = output.trimmed().split('\n');
+        for (const QByteArray& line : lines)
+            QVERIFY2(line.startsWith("installer:"), line.constData());
+        QVERIFY2(lines.last().startsWith("installer: Error - ") && lines.last().contains(reason.toUtf8()),
+                 lines.last().constData());
+        QCOMPARE(snapshot(root), before);
+        QCOMPARE(QDir(box.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 QStringList{"root"});
+        QCOMPARE(linksLeaving(root), QStringList());
         QVERIFY(!QFileInfo::exists(QStringLiteral("/tmp/vlum-absolute-entry")));
-        QVERIFY(!QFileInfo::exists(QFileInfo(root.path()).path() + "/vlum-escaped"));
+    }
+
+    void installed_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<QString>("keys");
+        QTest::addColumn<QByteArray>("line");
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<int>("mode");
+        const QByteArray success("installer: The install was successful.");
+        QTest::newRow("unsigned, no key trusted")
+            << "unsigned" << "none" << QByteArray("installer:STATUS:Packages are not verified: no trusted key")
+            << "opt/Oktavo/Test/first" << 0644;
+        QTest::newRow("signed, its key trusted") << "signed" << "demo"
+                                                 << QByteArray("installer:STATUS:Signature verified with the trusted key")
+                                                 << "opt/Oktavo/Test/tool" << 0755;
+        QTest::newRow("set-uid file") << "set-id" << "none" << success << "opt/Oktavo/Test/setuid" << 0755;
+        QTest::newRow("set-gid file") << "set-id" << "none" << success << "opt/Oktavo/Test/setgid" << 0755;
+        QTest::newRow("folder: its mode, no set-gid or sticky bit")
+            << "set-id" << "none" << success << "opt/Oktavo/Test/shared" << 0750;
+        QTest::newRow("control characters in a name, escaped")
+            << "control-name" << "none" << QByteArray("installer:STATUS:Writing opt/Oktavo/Test/two\\nlines\\x1b[0m\xe2\x80\xa6\n")
+            << "opt/Oktavo/Test/two\nlines\x1b[0m" << 0644;
+    }
+
+    // Installed, with the line that says how; modes from the package less
+    // set-id and sticky bits; one line per event whatever the names hold.
+    void installed()
+    {
+        QFETCH(QString, kind);
+        QFETCH(QString, keys);
+        QFETCH(QByteArray, line);
+        QFETCH(QString, path);
+        QFETCH(int, mode);
+        QTemporaryDir root;
+        const QString package = makePackage(kind);
+        QVERIFY(!package.isEmpty());
+
+        QByteArray output;
+        QCOMPARE(run(kInstaller, installArguments(package), installEnvironment(root.path(), keys), &output), 0);
+        QVERIFY2(output.contains(line), output.constData());
+        QVERIFY(output.endsWith("installer: The install was successful.\n"));
+        for (const QByteArray& each : output.trimmed().split('\n'))
+            QVERIFY2(each.startsWith("installer:"), each.constData());
+        struct stat info;
+        QCOMPARE(::lstat(QFile::encodeName(root.filePath(path)).constData(), &info), 0);
+        QCOMPARE(int(info.st_mode & 07777), mode);
+    }
+
+    // Read once, from the descriptor the helper passes (the -package name
+    // is then only a name), into a copy of its own: rewriting the file
+    // while it installs changes nothing installed. A descriptor on anything
+    // but a regular file is refused.
+    void packageReadOnce()
+    {
+        QTemporaryDir root;
+        const QString package = makePackage(QStringLiteral("unsigned"));
+        const QString other = makePackage(QStringLiteral("set-id"));
+        QVERIFY(!package.isEmpty() && !other.isEmpty());
+        QFile replacement(other);
+        QVERIFY(replacement.open(QIODevice::ReadOnly));
+
+        QProcess process;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const QString& entry : installEnvironment(root.path(), "none") + QStringList{"VLUM_PACKAGE_FD=3", "VLUM_INSTALLER_PACE=0.4"})
+            env.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
+        process.setProcessEnvironment(env);
+        const QString script = QStringLiteral("exec \"$0\" -verboseR -target / -package /nowhere/named.pkg 3<\"$1\"");
+        process.start(QStringLiteral("/bin/sh"), {"-c", script, kInstaller, package});
+        QByteArray output;
+        while (!output.contains("installer:%5.0\n") && process.waitForReadyRead(20000))
+            output += process.readAllStandardOutput();
+        QVERIFY2(output.contains("installer: Package name is com.oktavo.test 1.0\n"), output.constData());
+        QFile rewritten(package); // the same file, as its owner could rewrite it
+        QVERIFY(rewritten.open(QIODevice::WriteOnly) && rewritten.write(replacement.readAll()) > 0);
+        rewritten.close();
+        QVERIFY(process.waitForFinished(30000));
+        output += process.readAllStandardOutput();
+        QCOMPARE(process.exitCode(), 0);
+        QCOMPARE(snapshot(root.path()), (QStringList{"opt", "opt/Oktavo", "opt/Oktavo/Test",
+                                                     "opt/Oktavo/Test/first = written before the bad entry"}));
+
+        process.start(QStringLiteral("/bin/sh"), {"-c", script, kInstaller, QStringLiteral("/dev/null")});
+        QVERIFY(process.waitForFinished(30000));
+        QCOMPARE(process.exitCode(), 1);
+        QVERIFY(process.readAllStandardOutput().endsWith("installer: Error - VLUM_PACKAGE_FD is not open on a regular file: /nowhere/named.pkg\n"));
     }
 
     // A package that would put a folder where the target has a file is
@@ -199,7 +367,7 @@ private slots:
         QVERIFY(writeFile(root.filePath(QStringLiteral("opt/Oktavo")), "a file, not a folder\n"));
         const QStringList before = snapshot(root.path());
         QByteArray output;
-        QCOMPARE(run(kInstaller, installArguments(goodPackage), root.path(), &output), 1);
+        QCOMPARE(run(kInstaller, installArguments(goodPackage), installEnvironment(root.path(), "demo"), &output), 1);
         QVERIFY2(output.contains("installer: Error - would replace a folder by a file"), output.constData());
         QCOMPARE(snapshot(root.path()), before);
     }

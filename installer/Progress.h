@@ -1,0 +1,35 @@
+#pragma once
+
+// The installer's output: one line per event on standard output, read line
+// by line by the wizard (through the helper). Every line is written
+// through printable(), so a name holding a newline cannot start a line of
+// its own.
+
+#include <string>
+#include <string_view>
+
+// Control characters and backslashes escaped: "\n", "\t", "\r", "\\",
+// others as "\xNN". Other bytes, UTF-8 included, pass as they are.
+std::string printable(std::string_view text);
+
+class Progress
+{
+public:
+    // VLUM_INSTALLER_PACE: seconds to pause after each percentage, 0 to 5;
+    // anything unreadable counts as 0.
+    static double paceFromEnvironment();
+
+    explicit Progress(double paceSeconds) : pace(paceSeconds) {}
+
+    void say(std::string_view line) const;
+    void phase(std::string_view text) const;
+    void status(std::string_view text) const;
+    // "installer:%<value with one decimal>", then the pause.
+    void percent(double value) const;
+
+private:
+    double pace;
+};
+
+// The ellipsis the wizard's progress texts end with.
+constexpr char kEllipsis[] = "\xe2\x80\xa6";

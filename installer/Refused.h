@@ -1,0 +1,17 @@
+#pragma once
+
+// Why an installation cannot go on. The text is printed after
+// "installer: Error - "; names in it may hold any byte, since the output
+// escapes control characters.
+
+#include <stdexcept>
+#include <string>
+
+class Refused : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// "<what>: <the system's text for error>".
+std::string withSystemError(const std::string& what, int error);
