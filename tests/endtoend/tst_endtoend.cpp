@@ -148,9 +148,9 @@ private slots:
 
         // The helper runs the bundle's own installer, into the machine,
         // trusting the demo key as the demo does.
-        QVERIFY(helper.Start(QStringLiteral(VLUM_HELPER), {},
-                             {QStringLiteral("VLUM_INSTALL_ROOT=") + machine,
-                              QStringLiteral("VLUM_TRUSTED_KEYS=" VLUM_TRUSTED_DEMO_KEYS)}));
+        QVERIFY(helper.Start(QStringLiteral(VLUM_HELPER),
+                             {QStringLiteral("--trusted-keys"), QStringLiteral(VLUM_TRUSTED_DEMO_KEYS)},
+                             {QStringLiteral("VLUM_INSTALL_ROOT=") + machine}));
         qputenv("VLUM_HELPER_SOCKET", QFile::encodeName(helper.SocketPath()));
         QDesktopServices::setUrlHandler(QStringLiteral("https"), &browser, "open");
     }
