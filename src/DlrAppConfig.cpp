@@ -5,6 +5,7 @@
 
 #include "DlrConstants.h"
 #include "DlrOptions.h"
+#include "DlrSettingsFile.h"
 
 #include <QSettings>
 #include <QStringList>
@@ -90,7 +91,10 @@ QString DlrUsageText()
 DlrOptions DlrReadSettingsFile(const QString& path)
 {
     DlrOptions options;
-    const QSettings settings(path, QSettings::IniFormat);
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return options;
+    const QHash<QString, QVariant> settings = DlrReadIniTopLevel(file.readAll());
     for (const TextMember& entry : kTextMembers) {
         const QString key = QLatin1String(entry.name);
         if (settings.contains(key))

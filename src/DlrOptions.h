@@ -27,8 +27,8 @@ struct DlrOptions {
 // are skipped without a word.
 DlrOptions DlrParseArguments(const QStringList& arguments);
 
-// The settings file at `path` (INI); a missing or unreadable file sets
-// nothing.
+// The top-level keys of the settings file at `path` (INI, read by
+// DlrReadIniTopLevel); a missing or unreadable file sets nothing.
 DlrOptions DlrReadSettingsFile(const QString& path);
 
 // What -help prints.
