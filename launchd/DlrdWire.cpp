@@ -153,6 +153,7 @@ DlrdDecodeResult DlrdDecodeFrame(const QByteArray& buffer, QVector<std::shared_p
     }
 
     DlrdMessage decoded;
+    quint32 descriptorsNamed = 0; // one bit per index
     for (int i = 0; i < entries && in.ok(); ++i) {
         const QByteArray key = in.bytes(in.take<quint16>());
         const quint8 kind = in.take<quint8>();
@@ -193,6 +194,13 @@ DlrdDecodeResult DlrdDecodeFrame(const QByteArray& buffer, QVector<std::shared_p
                 fail(why, "descriptor index out of range");
                 return DlrdDecodeResult::Malformed;
             }
+            // The sender gives each entry a descriptor of its own; one shared
+            // would make a message that no frame can carry again.
+            if (descriptorsNamed & (1u << index)) {
+                fail(why, "descriptor named twice");
+                return DlrdDecodeResult::Malformed;
+            }
+            descriptorsNamed |= 1u << index;
             decoded.AdoptDescriptor(key, descriptors.at(index));
             break;
         }

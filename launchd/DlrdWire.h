@@ -12,7 +12,8 @@
 //          int64         8 bytes, two's complement
 //          string        u32 length, bytes (no NUL)
 //          string array  u32 count, then count times u32 length and bytes
-//          descriptor    u16 index among the frame's descriptors
+//          descriptor    u16 index among the frame's descriptors, each
+//                        named by one entry at most
 //
 // A frame that breaks any of these rules is malformed; the connection that
 // sent it is closed.

@@ -114,6 +114,8 @@ public:
     QList<int> downloadIndices;
     DlrMachineAssay* assay = nullptr; // process-wide singleton, not owned
     QUrl successURL;
+    // The settings file in use. Its values are read by DlrReadSettingsFile,
+    // never through this object, which would decode Qt's binary encodings.
     std::unique_ptr<QSettings> settings;
 
 signals:

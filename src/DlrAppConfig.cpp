@@ -4,6 +4,8 @@
 #include "DlrApp.h"
 
 #include "DlrConstants.h"
+#include "DlrOptions.h"
+#include "DlrSettingsFile.h"
 
 #include <QSettings>
 #include <QStringList>
@@ -16,7 +18,49 @@ namespace {
 
 const char kSettingsFileName[] = "vluminstaller.ini";
 
-QString usageText()
+// A value of the wrong kind is taken as text without complaint. INI values
+// with an unquoted comma come back as lists: join them again so that such a
+// password is not silently emptied.
+QString settingText(const QVariant& value)
+{
+    if (value.userType() == QMetaType::QStringList)
+        return value.toStringList().join(QLatin1Char(','));
+    return value.toString();
+}
+
+struct TextMember {
+    const char* name; // the settings key; the option is "-" + name
+    std::optional<QString> DlrOptions::*option;
+    QString DlrApp::*member;
+};
+
+const std::array<TextMember, 7> kTextMembers{{
+    {"user", &DlrOptions::user, &DlrApp::user},
+    {"manifestserver", &DlrOptions::manifestServer, &DlrApp::manifestServer},
+    {"manifestserverscheme", &DlrOptions::manifestServerScheme, &DlrApp::manifestServerScheme},
+    {"manifesturl", &DlrOptions::manifestUrl, &DlrApp::manifestUrl},
+    {"pass", &DlrOptions::pass, &DlrApp::pass},
+    {"appendmanifest", &DlrOptions::appendManifestFile, &DlrApp::appendManifestFile},
+    {"manifest", &DlrOptions::alternateManifestFile, &DlrApp::alternateManifestFile},
+}};
+
+void apply(DlrApp& app, const DlrOptions& options)
+{
+    for (const TextMember& entry : kTextMembers) {
+        if (options.*entry.option)
+            app.*entry.member = *(options.*entry.option);
+    }
+    if (options.debug)
+        app.logLevel = 0;
+    if (options.dumpManifest)
+        app.dumpManifest = *options.dumpManifest;
+    if (options.transferTimeout)
+        app.transferTimeout = *options.transferTimeout;
+}
+
+} // namespace
+
+QString DlrUsageText()
 {
     return QStringLiteral(
                " -user <user name>\n"
@@ -44,35 +88,67 @@ QString usageText()
         .arg(QLatin1String(DlrTestServerHost));
 }
 
-// A value of the wrong kind is taken as text without complaint. INI values
-// with an unquoted comma come back as lists: join them again so that such a
-// password is not silently emptied.
-QString settingText(const QVariant& value)
+DlrOptions DlrReadSettingsFile(const QString& path)
 {
-    if (value.userType() == QMetaType::QStringList)
-        return value.toStringList().join(QLatin1Char(','));
-    return value.toString();
+    DlrOptions options;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return options;
+    const QHash<QString, QVariant> settings = DlrReadIniTopLevel(file.readAll());
+    for (const TextMember& entry : kTextMembers) {
+        const QString key = QLatin1String(entry.name);
+        if (settings.contains(key))
+            options.*entry.option = settingText(settings.value(key));
+    }
+    options.debug = settings.contains(QStringLiteral("debug"));
+    if (settings.contains(QStringLiteral("dumpManifest")))
+        options.dumpManifest = settings.value(QStringLiteral("dumpManifest")).toInt() != 0;
+    // Whole seconds from one to a day; anything else keeps the default.
+    bool ok = false;
+    const int timeout = settingText(settings.value(QStringLiteral("transfertimeout"))).trimmed().toInt(&ok);
+    if (ok && timeout > 0)
+        options.transferTimeout = qMin(timeout, 24 * 3600);
+    return options;
 }
 
-struct TextMember {
-    const char* name; // the settings key; the option is "-" + name
-    QString* member;
-};
-
-std::array<TextMember, 7> textMembers(DlrApp& app)
+DlrOptions DlrParseArguments(const QStringList& args)
 {
-    return {{
-        {"user", &app.user},
-        {"manifestserver", &app.manifestServer},
-        {"manifestserverscheme", &app.manifestServerScheme},
-        {"manifesturl", &app.manifestUrl},
-        {"pass", &app.pass},
-        {"appendmanifest", &app.appendManifestFile},
-        {"manifest", &app.alternateManifestFile},
-    }};
-}
+    DlrOptions options;
+    int i = 0;
+    while (i < args.size()) {
+        const QString& arg = args.at(i);
+        bool handled = false;
+        for (const TextMember& opt : kTextMembers) {
+            if (!arg.startsWith(QLatin1Char('-')) || arg.midRef(1) != QLatin1String(opt.name))
+                continue;
+            if (i + 1 < args.size()) {
+                // A server named on the command line is plain http unless a
+                // later -manifestserverscheme says otherwise.
+                if (opt.option == &DlrOptions::manifestServer)
+                    options.manifestServerScheme = QStringLiteral("http");
+                options.*opt.option = args.at(i + 1);
+                i += 2;
+                handled = true;
+            }
+            break;
+        }
+        if (handled)
+            continue;
 
-} // namespace
+        if (arg == QLatin1String("-debug")) {
+            options.debug = true;
+        } else if (arg == QLatin1String("-dumpManifest")) {
+            options.dumpManifest = true;
+        } else if (arg == QLatin1String("-help") || arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
+            options.usageAsked = true;
+            break;
+        } else if (arg.startsWith(QLatin1Char('-'))) {
+            options.unknownOptions << arg;
+        }
+        ++i;
+    }
+    return options;
+}
 
 void DlrApp::loadSettings()
 {
@@ -88,21 +164,7 @@ void DlrApp::loadSettings()
             return;
     }
     settings = std::make_unique<QSettings>(path, QSettings::IniFormat);
-
-    for (const TextMember& entry : textMembers(*this)) {
-        const QString key = QLatin1String(entry.name);
-        if (settings->contains(key))
-            *entry.member = settingText(settings->value(key));
-    }
-    if (settings->contains(QStringLiteral("debug")))
-        logLevel = 0;
-    if (settings->contains(QStringLiteral("dumpManifest")))
-        dumpManifest = settings->value(QStringLiteral("dumpManifest")).toInt() != 0;
-    // Whole seconds from one to a day; anything else keeps the default.
-    bool ok = false;
-    const int timeout = settingText(settings->value(QStringLiteral("transfertimeout"))).trimmed().toInt(&ok);
-    if (ok && timeout > 0)
-        transferTimeout = qMin(timeout, 24 * 3600);
+    apply(*this, DlrReadSettingsFile(path));
 }
 
 void DlrApp::parseEnvironment()
@@ -114,48 +176,16 @@ void DlrApp::parseEnvironment()
 
 void DlrApp::parseCommandLineArguments()
 {
-    const QStringList args = QCoreApplication::arguments();
-    if (args.size() < 2)
-        return;
-
-    const std::array<TextMember, 7> valueOptions = textMembers(*this);
-
-    int i = 1;
-    while (i < args.size()) {
-        const QString& arg = args.at(i);
-        bool handled = false;
-        for (const TextMember& opt : valueOptions) {
-            if (!arg.startsWith(QLatin1Char('-')) || arg.midRef(1) != QLatin1String(opt.name))
-                continue;
-            if (i + 1 < args.size()) {
-                // A server named on the command line is plain http unless a
-                // later -manifestserverscheme says otherwise.
-                if (opt.member == &manifestServer)
-                    manifestServerScheme = QStringLiteral("http");
-                *opt.member = args.at(i + 1);
-                i += 2;
-                handled = true;
-            }
-            break;
-        }
-        if (handled)
-            continue;
-
-        if (arg == QLatin1String("-debug")) {
-            logLevel = 0;
-        } else if (arg == QLatin1String("-dumpManifest")) {
-            dumpManifest = true;
-        } else if (arg == QLatin1String("-help") || arg == QLatin1String("--help")
-                   || arg == QLatin1String("-h")) {
-            std::printf("%s\n", usageText().toLocal8Bit().constData());
-            std::fflush(stdout);
-            std::exit(0);
-        } else if (arg.startsWith(QLatin1Char('-'))) {
-            std::printf("Unknown option %s\n\n", arg.toLocal8Bit().constData());
-        }
-        ++i;
+    const DlrOptions options = DlrParseArguments(QCoreApplication::arguments().mid(1));
+    for (const QString& unknown : options.unknownOptions)
+        std::printf("Unknown option %s\n\n", unknown.toLocal8Bit().constData());
+    if (options.usageAsked) {
+        std::printf("%s\n", DlrUsageText().toLocal8Bit().constData());
+        std::fflush(stdout);
+        std::exit(0);
     }
     std::fflush(stdout);
+    apply(*this, options);
 }
 
 QUrl DlrApp::GetURL(DlrLocation location) const

@@ -2,6 +2,7 @@
 
 #include "DlrApp.h"
 #include "DlrHumanBytes.h"
+#include "DlrInstallerLine.h"
 #include "DlrManifestElement.h"
 #include "DlrOSXProcess.h"
 #include "DlrPlatform.h"
@@ -13,7 +14,6 @@
 #include <QMessageBox>
 #include <QNetworkReply>
 #include <QProgressBar>
-#include <QRegExp>
 #include <QScopedValueRollback>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -423,35 +423,21 @@ void DlrDownload::installerReadyStdout()
         qDebug() << "internal error, got stdin ready but no process";
         return;
     }
-    QByteArray bytes = installerProcess->readAllStandardOutput();
-    // Typographic characters (an ellipsis in UTF-8) are dropped, not decoded.
-    QByteArray plain;
-    plain.reserve(bytes.size());
-    for (const char byte : qAsConst(bytes)) {
-        if (static_cast<unsigned char>(byte) < 0x80)
-            plain += byte;
-    }
-    plain = plain.trimmed();
-    const int nul = plain.indexOf('\0');
-    if (nul >= 0)
-        plain.truncate(nul);
-    QString text = QString::fromLatin1(plain);
-    qDebug() << "installer stdout:" << text;
-
-    // "installer:%42.5" moves the second half of the product's share.
-    const QRegExp percentage(QStringLiteral("installer:%([0-9.]+)"), Qt::CaseSensitive, QRegExp::RegExp);
-    const bool hasPercentage = percentage.indexIn(text) >= 0;
-    if (hasPercentage) {
-        const float percent = percentage.cap(1).toFloat();
+    const DlrInstallerLine line = DlrReadInstallerLine(installerProcess->readAllStandardOutput());
+    qDebug() << "installer stdout:" << line.plain;
+    switch (line.kind) {
+    case DlrInstallerLine::Progress: {
+        // The second half of the product's share.
         const int half = progressStep / 2;
-        progressBar->setValue(int(float(position * progressStep + half) + (percent / 100.0f) * float(half)));
+        progressBar->setValue(int(float(position * progressStep + half) + float(line.fraction) * float(half)));
+        break;
     }
-
-    text.remove(QStringLiteral("installer:"));
-    text.remove(QStringLiteral("PHASE:"));
-    text.remove(QStringLiteral("STATUS:"));
-    if (!hasPercentage)
-        amount->setText(text);
+    case DlrInstallerLine::Status:
+        amount->setText(line.text);
+        break;
+    case DlrInstallerLine::Nothing:
+        break;
+    }
 }
 
 void DlrDownload::installerReadyStderr()

@@ -9,8 +9,9 @@
 #include <QXmlInputSource>
 #include <QXmlSimpleReader>
 
-DlrManifestHandler::DlrManifestHandler(QList<DlrManifestElement>& manifest)
+DlrManifestHandler::DlrManifestHandler(QList<DlrManifestElement>& manifest, QUrl& successURL)
     : manifest(manifest)
+    , successURL(successURL)
 {
 }
 
@@ -92,7 +93,7 @@ bool DlrManifestHandler::characters(const QString& ch)
             offer.version.beta = ch.trimmed();
         break;
     case SuccessUrlField:
-        dlrApp()->successURL = QUrl(ch, QUrl::TolerantMode);
+        successURL = QUrl(ch, QUrl::TolerantMode);
         break;
     }
     currentField = NoField;
@@ -106,20 +107,30 @@ bool DlrManifestHandler::fatalError(const QXmlParseException& exception)
     return false;
 }
 
-bool DlrManifestHandler::Parse(QList<DlrManifestElement>& manifest, QXmlInputSource& source)
+bool DlrReadManifest(QXmlInputSource& source, QList<DlrManifestElement>& offers, QUrl& successURL)
 {
     QXmlSimpleReader reader;
-    DlrManifestHandler handler(manifest);
+    DlrManifestHandler handler(offers, successURL);
     reader.setContentHandler(&handler);
     reader.setErrorHandler(&handler);
     return reader.parse(source);
 }
 
-bool DlrManifestHandler::Parse(QList<DlrManifestElement>& manifest, const QByteArray& document)
+bool DlrReadManifest(const QByteArray& document, QList<DlrManifestElement>& offers, QUrl& successURL)
 {
     QXmlInputSource source;
     source.setData(document);
-    return Parse(manifest, source);
+    return DlrReadManifest(source, offers, successURL);
+}
+
+bool DlrManifestHandler::Parse(QList<DlrManifestElement>& manifest, QXmlInputSource& source)
+{
+    return DlrReadManifest(source, manifest, dlrApp()->successURL);
+}
+
+bool DlrManifestHandler::Parse(QList<DlrManifestElement>& manifest, const QByteArray& document)
+{
+    return DlrReadManifest(document, manifest, dlrApp()->successURL);
 }
 
 bool DlrManifestHandler::ParseFile(QList<DlrManifestElement>& manifest, const QString& path)

@@ -12,11 +12,12 @@ QT_WARNING_DISABLE_DEPRECATED
 #include <QXmlDefaultHandler>
 
 // Turns a manifest document into offers appended to a list: each
-// ProductInfo starts an offer, and field elements fill the latest one.
+// ProductInfo starts an offer, and field elements fill the latest one; a
+// DLRSuccessURL after the first offer names the success page.
 class DlrManifestHandler : public QXmlDefaultHandler
 {
 public:
-    explicit DlrManifestHandler(QList<DlrManifestElement>& manifest);
+    DlrManifestHandler(QList<DlrManifestElement>& manifest, QUrl& successURL);
     ~DlrManifestHandler() override;
 
     bool startElement(const QString& namespaceURI, const QString& localName, const QString& qName,
@@ -24,8 +25,9 @@ public:
     bool characters(const QString& ch) override;
     bool fatalError(const QXmlParseException& exception) override;
 
-    // Reads one document into the list (never clearing it); true when the
-    // whole document was read.
+    // Reads one document into the list (never clearing it), the success
+    // page into the application object's; true when the whole document was
+    // read.
     static bool Parse(QList<DlrManifestElement>& manifest, QXmlInputSource& source);
     static bool Parse(QList<DlrManifestElement>& manifest, const QByteArray& document);
     static bool ParseFile(QList<DlrManifestElement>& manifest, const QString& path);
@@ -46,7 +48,14 @@ private:
     };
 
     QList<DlrManifestElement>& manifest;
+    QUrl& successURL;
     Field currentField = NoField;
 };
+
+// One document read into `offers` (appended, never cleared) and
+// `successURL` (set only when the document names the page), without the
+// application object. True when the whole document was read.
+bool DlrReadManifest(QXmlInputSource& source, QList<DlrManifestElement>& offers, QUrl& successURL);
+bool DlrReadManifest(const QByteArray& document, QList<DlrManifestElement>& offers, QUrl& successURL);
 
 QT_WARNING_POP

@@ -4,6 +4,7 @@
 #include "DlrMachineAssay.h"
 
 #include "DlrPlatform.h"
+#include "DlrProfileReader.h"
 #include "kelProfileHandler.h"
 
 #include <QDebug>
@@ -11,6 +12,8 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegExp>
+#include <QTextCodec>
+#include <QTextDecoder>
 #include <QXmlSimpleReader>
 
 #if __has_include(<sys/statfs.h>)
@@ -31,30 +34,34 @@ constexpr int kProfilerSilenceMs = 15000;
 // After its document has been read the profiler has this long to exit.
 constexpr int kProfilerExitMs = 1000;
 
-// Feeds the parser from the profiler's standard output as it arrives. Qt's
-// own device source would wait for ever on a profiler that never closes its
-// output; this one gives up after kProfilerSilenceMs without data.
-class DlrProfilerInput : public QXmlInputSource
+// Feeds the parser piece by piece. Decoding keeps its state from one piece
+// to the next, so a character cut in two by a read comes out whole; a piece
+// that completes no character is not the end of the document (Qt's reader
+// takes empty data for that), the next one is read at once.
+class DlrPieceInput : public QXmlInputSource
 {
 public:
-    explicit DlrProfilerInput(QProcess& process)
-        : profiler(process)
+    explicit DlrPieceInput(const std::function<QByteArray()>& next)
+        : next(next)
+        , decoder(QTextCodec::codecForMib(106)->makeDecoder()) // UTF-8
     {
     }
 
     void fetchData() override
     {
-        QByteArray bytes = profiler.read(4096);
-        while (bytes.isEmpty() && profiler.waitForReadyRead(kProfilerSilenceMs))
-            bytes = profiler.read(4096);
-        if (bytes.isEmpty() && profiler.state() != QProcess::NotRunning)
-            qDebug().noquote() << "system_profiler silent for" << kProfilerSilenceMs << "ms, reading stopped";
-        // Empty data ends the document.
-        setData(fromRawData(bytes));
+        QString text;
+        while (text.isEmpty()) {
+            const QByteArray bytes = next();
+            if (bytes.isEmpty())
+                break;
+            text = decoder->toUnicode(bytes);
+        }
+        setData(text);
     }
 
 private:
-    QProcess& profiler;
+    const std::function<QByteArray()>& next;
+    std::unique_ptr<QTextDecoder> decoder;
 };
 
 // Text a tool wrote, up to the first NUL byte.
@@ -165,6 +172,18 @@ bool kelProfileHandler::fatalError(const QXmlParseException& exception)
     return true;
 }
 
+DlrProfileFacts DlrReadProfile(const std::function<QByteArray()>& next)
+{
+    DlrProfileFacts facts;
+    kelProfileHandler handler(facts.products, facts.properties);
+    QXmlSimpleReader reader;
+    reader.setContentHandler(&handler);
+    reader.setErrorHandler(&handler);
+    DlrPieceInput input(next);
+    facts.complete = reader.parse(&input);
+    return facts;
+}
+
 void DlrMachineAssay::DoAssay()
 {
     properties.clear();
@@ -177,11 +196,6 @@ void DlrMachineAssay::DoAssay()
         properties.insert(DlrAttrCannotInstallReason, QStringLiteral("The package installer %1 is missing.").arg(installer));
 
     {
-        kelProfileHandler handler(products, properties);
-        QXmlSimpleReader reader;
-        reader.setContentHandler(&handler);
-        reader.setErrorHandler(&handler);
-
         const QString program = DlrPlatform::SystemProfilerProgram();
         const QStringList arguments{QStringLiteral("-xml"), QStringLiteral("SPHardwareDataType"),
                                     QStringLiteral("SPInstallHistoryDataType")};
@@ -191,8 +205,20 @@ void DlrMachineAssay::DoAssay()
 
         bool parsed = false;
         if (profiler.waitForStarted()) {
-            DlrProfilerInput input(profiler);
-            parsed = reader.parse(&input);
+            // Qt's own device source would wait for ever on a profiler that
+            // never closes its output; this gives up after
+            // kProfilerSilenceMs without data.
+            const DlrProfileFacts facts = DlrReadProfile([&profiler] {
+                QByteArray bytes = profiler.read(4096);
+                while (bytes.isEmpty() && profiler.waitForReadyRead(kProfilerSilenceMs))
+                    bytes = profiler.read(4096);
+                if (bytes.isEmpty() && profiler.state() != QProcess::NotRunning)
+                    qDebug().noquote() << "system_profiler silent for" << kProfilerSilenceMs << "ms, reading stopped";
+                return bytes;
+            });
+            properties.insert(facts.properties);
+            products += facts.products;
+            parsed = facts.complete;
         } else {
             qDebug().noquote() << "system_profiler did not start:" << profiler.errorString();
         }

@@ -108,6 +108,12 @@ private slots:
         QTest::newRow("Maya without core") << printing("<key>_name</key><string>Maya 2018</string>") << true << "-" << QStringList();
         QTest::newRow("Maya core without digits") << printing("<key>_name</key><string>MAYA CORE</string>") << true << "-" << QStringList{""};
         QTest::newRow("value of another key") << printing("<key>other</key><string>Maya 2018 Core</string><string>9 GB</string>") << true << "-" << QStringList();
+        // The lead byte of the ellipsis comes in a read of its own.
+        QTest::newRow("read ends inside a character")
+            << QByteArray("printf '<plist><array><dict><key>machine_name</key><string>Studio'; sleep 0.3; printf '\\342'; sleep 0.3;"
+                          " printf '\\200\\246</string><key>physical_memory</key><string>8 GB</string>"
+                          "<key>_name</key><string>Maya 2018 Core</string></dict></array></plist>'")
+            << true << "8" << QStringList{"2018"};
         QTest::newRow("complete document, failed status") << fixture + "; exit 1" << true << "16" << QStringList{"2016", "2017", "2016.5"};
         QTest::newRow("malformed keeps what came before") << printing("<key>physical_memory</key><string>8 GB</string><key>_name</key><string>Maya 2017 Core</string></aray>") << false << "8" << QStringList{"2017"};
         QTest::newRow("truncated") << "head -c " + cut + " '" + kFixture.toUtf8() + "'" << false << "16" << QStringList{"2016"};

@@ -141,6 +141,19 @@ private slots:
             << QByteArray("user=@ByteArray(raw)\npass=a,b\ndumpManifest=@Variant(\\0\\0\\0\\x7f)\n") << none
             << true << noEnv << noArgs << QByteArray()
             << QStringList{"user=raw", "pass=a,b", "dumpManifest=false"};
+        QTest::newRow("INI comments, quotes, escapes, continued lines and sections")
+            << QByteArray("; user=commented\nuser = \"a ; b\" ; trailing\npass=\\x41\\102 \\\n c\n[Other]\nmanifest=no.xml\n"
+                          "[general]\nmanifesturl=one, two\n")
+            << none << true << noEnv << noArgs << QByteArray()
+            << QStringList{"user=a ; b", "pass=AB  c", "alternateManifestFile=", "manifestUrl=one,two"};
+        QTest::newRow("a byte-order mark stays in the first key")
+            << QByteArray("\xef\xbb\xbfuser=hidden\npass=p\n") << none << true << noEnv << noArgs << QByteArray()
+            << QStringList{"user=", "pass=p"};
+        // Decoding would build whatever type the bytes name (a polygon here,
+        // whose reader brought the program down).
+        QTest::newRow("Qt's binary encodings not decoded")
+            << QByteArray("user=@Variant(\\0\\0\\0Genw)\npass=@Rect(1 2 3 4)\nmanifesturl=@@x\n=@Variant(\\0\\0\\0Genw)\n")
+            << none << true << noEnv << noArgs << QByteArray() << QStringList{"user=", "pass=", "manifestUrl=@x"};
         QTest::newRow("transfertimeout in seconds") << QByteArray("transfertimeout=5\n") << none << true << noEnv
                                                     << noArgs << QByteArray() << QStringList{"transferTimeout=5"};
         QTest::newRow("transfertimeout capped at a day") << QByteArray("transfertimeout=999999999\n") << none << true

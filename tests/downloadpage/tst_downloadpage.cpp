@@ -14,6 +14,7 @@
 
 #include "DlrDownload.h"
 #include "DlrHumanBytes.h"
+#include "DlrInstallerLine.h"
 #include "DlrMainWindow.h"
 #include "DlrPlatform.h"
 
@@ -185,6 +186,47 @@ private slots:
         QCOMPARE(installed(), (QStringList{"A.pkg", "B.pkg", "Gated.pkg"}));
         QVERIFY(log.contains(QStringLiteral("Not running installer on  \"%1/D.PKG\"").arg(downloads)));
         QCOMPARE(QFileInfo(downloads + QStringLiteral("/D.PKG")).size(), qint64(3000));
+    }
+
+    // What one read of installer output means: a percentage held to
+    // 0..100 moves the bar, one that is no finite number moves nothing, and
+    // the rest is shown without prefixes, typographic characters or what
+    // follows a NUL.
+    void installerLines_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("meaning"); // "bar <fraction>", "text <text>" or "nothing"
+        QTest::newRow("percent") << QByteArray("installer:%42.5\n") << "bar 0.425";
+        QTest::newRow("percent within a status") << QByteArray("installer:STATUS:Copying installer:%12") << "bar 0.12";
+        QTest::newRow("huge percent") << QByteArray("installer:%44444444444") << "bar 1";
+        QTest::newRow("past double range") << "installer:%1" + QByteArray(400, '0') << "nothing";
+        QTest::newRow("negative") << QByteArray("installer:%-5") << "bar 0";
+        QTest::newRow("NaN") << QByteArray("installer:%nan") << "nothing";
+        QTest::newRow("infinity") << QByteArray("installer:%inf") << "nothing";
+        QTest::newRow("two points") << QByteArray("installer:%1.2.3") << "nothing";
+        QTest::newRow("no number") << QByteArray("installer:%") << "nothing";
+        QTest::newRow("phase") << QByteArray("installer:PHASE:Validating packages\n") << "text Validating packages";
+        QTest::newRow("ellipsis dropped") << QByteArray("installer:STATUS:Running scripts\342\200\246") << "text Running scripts";
+        QTest::newRow("NUL ends the text") << QByteArray("installer:STATUS:Done\0installer:%5", 34) << "text Done";
+        QTest::newRow("end report") << QByteArray("installer: The install was successful.") << "text  The install was successful.";
+    }
+
+    void installerLines()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, meaning);
+        const DlrInstallerLine line = DlrReadInstallerLine(bytes);
+        switch (line.kind) {
+        case DlrInstallerLine::Progress:
+            QCOMPARE(QStringLiteral("bar %1").arg(line.fraction), meaning);
+            break;
+        case DlrInstallerLine::Status:
+            QCOMPARE(QStringLiteral("text ") + line.text, meaning);
+            break;
+        case DlrInstallerLine::Nothing:
+            QCOMPARE(QStringLiteral("nothing"), meaning);
+            break;
+        }
     }
 
     // Back while a download runs asks first. An end that arrives while the

@@ -150,6 +150,8 @@ private slots:
             << Frame::Header(1, 1).key("fd", 4).u16(0).Bytes() << 0;
         QTest::newRow("descriptor index beyond the frame's")
             << Frame::Header(1, 1).key("fd", 4).u16(1).Bytes() << 2;
+        QTest::newRow("one descriptor named by two entries")
+            << Frame::Header(1, 2).key("a", 4).u16(0).key("b", 4).u16(0).Bytes() << 1;
         QTest::newRow("more descriptors than a frame may carry")
             << Frame::Header(kDlrdMaxDescriptors + 1, 0).Bytes() << kDlrdMaxDescriptors + 1;
     }

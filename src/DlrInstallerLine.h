@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+// What one piece of the package installer's output means to the download
+// page: "installer:%<n>" moves the bar, anything else is a step to show.
+struct DlrInstallerLine {
+    enum Kind {
+        Nothing,  // a progress line whose number cannot be read: ignored
+        Progress, // `fraction` of the installation is done
+        Status,   // `text` goes under the bar
+    };
+    Kind kind = Nothing;
+    double fraction = 0; // 0 to 1
+    QString text;
+    QString plain; // the text as read, prefixes kept, for the log
+};
+
+// Reads what the installer wrote in one go (one line, as it flushes each).
+// Non-ASCII bytes are dropped and a NUL ends the text; the percentage is
+// held to 0..100, and one that is not a finite number counts as none.
+DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes);
