@@ -4,6 +4,7 @@
 #include "DlrLog.h"
 #include "DlrMachineAssay.h"
 #include "DlrMainWindow.h"
+#include "DlrUnattended.h"
 
 #include <QFile>
 #include <QImageReader>
@@ -32,11 +33,17 @@ DlrApp::~DlrApp()
     // any member goes away.
     DlrFinalizeLogging();
     downloadBuffer.reset();
+    unattendedRun.reset();
     mainWindow.reset();
 }
 
 bool DlrApp::Start()
 {
+    if (unattended) {
+        unattendedRun = std::make_unique<DlrUnattended>();
+        unattendedRun->Begin();
+        return false;
+    }
     setWindowIcon(LoadIconResource("vluminstaller.png"));
     loadStylesheet("vluminstaller.qss");
 

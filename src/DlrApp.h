@@ -15,6 +15,7 @@
 
 class DlrMachineAssay;
 class DlrMainWindow;
+class DlrUnattended;
 class QNetworkAccessManager;
 class QNetworkReply;
 class QSettings;
@@ -72,6 +73,8 @@ public:
     static QString DownloadShortfall(qint64 written, qint64 announced, qint64 fileSize);
 
     std::unique_ptr<DlrMainWindow> mainWindow;
+    // The run without a window (-unattended), in place of mainWindow.
+    std::unique_ptr<DlrUnattended> unattendedRun;
     // The offers of the current manifest; a manifest index is a position here.
     QList<DlrManifestElement> manifest;
 
@@ -91,6 +94,13 @@ public:
     // Seconds a request may go without moving a byte before it fails
     // (settings key "transfertimeout").
     int transferTimeout = 30;
+    // -unattended, -json, -products: the run without a window. Unknown
+    // options are kept, since that run refuses them.
+    bool unattended = false;
+    bool jsonEvents = false;
+    bool productsNamed = false;
+    QStringList products;
+    QStringList unknownOptions;
 
     // Server and download state.
     QNetworkAccessManager* networkManager = nullptr; // child of this object

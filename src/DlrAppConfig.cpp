@@ -84,7 +84,19 @@ QString DlrUsageText()
                "example:\n"
                "\n"
                "    ./Velluma\\ Installer -debug -manifestserver %1"
-               " -manifestserverscheme https -dumpManifest")
+               " -manifestserverscheme https -dumpManifest\n"
+               "\n"
+               "without a window:\n"
+               " -unattended\n"
+               "    signs in, surveys, downloads and installs the offers chosen for this\n"
+               "    machine; one line per event on standard output\n"
+               " -products <name>[,<name>...]\n"
+               "    exactly these offers (names as listed or package names)\n"
+               " -json\n"
+               "    events as JSON lines\n"
+               "exit status: 0 everything chosen installed, 1 no product list,\n"
+               "    2 not enough free space, 3 a download failed, 4 an installation\n"
+               "    failed, 5 a bad option or product name")
         .arg(QLatin1String(DlrTestServerHost));
 }
 
@@ -135,8 +147,17 @@ DlrOptions DlrParseArguments(const QStringList& args)
         if (handled)
             continue;
 
+        if (arg == QLatin1String("-products") && i + 1 < args.size()) {
+            options.products = args.at(i + 1);
+            i += 2;
+            continue;
+        }
         if (arg == QLatin1String("-debug")) {
             options.debug = true;
+        } else if (arg == QLatin1String("-unattended")) {
+            options.unattended = true;
+        } else if (arg == QLatin1String("-json")) {
+            options.json = true;
         } else if (arg == QLatin1String("-dumpManifest")) {
             options.dumpManifest = true;
         } else if (arg == QLatin1String("-help") || arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
@@ -177,8 +198,18 @@ void DlrApp::parseEnvironment()
 void DlrApp::parseCommandLineArguments()
 {
     const DlrOptions options = DlrParseArguments(QCoreApplication::arguments().mid(1));
-    for (const QString& unknown : options.unknownOptions)
-        std::printf("Unknown option %s\n\n", unknown.toLocal8Bit().constData());
+    // An unattended run refuses them (a script's typo must not go unseen);
+    // its events are the only thing it prints on standard output.
+    unattended = options.unattended;
+    jsonEvents = options.json;
+    if (options.products)
+        products = options.products->split(QLatin1Char(','), Qt::SkipEmptyParts);
+    productsNamed = options.products.has_value();
+    unknownOptions = options.unknownOptions;
+    for (const QString& unknown : options.unknownOptions) {
+        if (!unattended)
+            std::printf("Unknown option %s\n\n", unknown.toLocal8Bit().constData());
+    }
     if (options.usageAsked) {
         std::printf("%s\n", DlrUsageText().toLocal8Bit().constData());
         std::fflush(stdout);

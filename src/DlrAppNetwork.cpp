@@ -6,6 +6,7 @@
 #include "DlrManifestHandler.h"
 #include "DlrNetworkError.h"
 #include "DlrTransferTimeout.h"
+#include "DlrUnattended.h"
 
 #include <QDebug>
 #include <QFile>
@@ -76,6 +77,11 @@ void DlrApp::sslErrors(QNetworkReply* reply, const QList<QSslError>& errors)
     // Our own servers are signed by a root the system need not know.
     if (errors.size() == 1 && errors.first().error() == QSslError::SelfSignedCertificateInChain) {
         reply->ignoreSslErrors();
+        return;
+    }
+    // Nobody to ask: the safe answer is no.
+    if (unattendedRun) {
+        unattendedRun->certificateRefused(errors);
         return;
     }
 

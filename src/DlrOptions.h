@@ -19,6 +19,12 @@ struct DlrOptions {
     std::optional<bool> dumpManifest;
     std::optional<int> transferTimeout; // seconds, 1 to 86400
 
+    // The run without a window: -unattended, with the offers -products
+    // names (comma-separated) and events as JSON lines (-json).
+    bool unattended = false;
+    std::optional<QString> products;
+    bool json = false;
+
     QStringList unknownOptions; // as given, in order, to be reported
     bool usageAsked = false;    // -help, --help or -h; reading stopped there
 };

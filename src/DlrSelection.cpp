@@ -10,8 +10,6 @@
 #include <QMessageBox>
 #include <QVBoxLayout>
 
-#include <limits>
-
 DlrSelection::DlrSelection(QWidget* parent)
     : QWizardPage(parent)
 {
@@ -157,7 +155,6 @@ bool DlrSelection::validatePage()
     // ones; hidden offers count only while they are listed.
     const QList<qint32> displayed = chosenIndices + hiddenIndices;
     QList<int> picked;
-    qint64 needed = 0;
     for (int row = 0; row < displayed.size(); ++row) {
         if (row >= chosenIndices.size() && row >= productList->count())
             break;
@@ -169,11 +166,6 @@ bool DlrSelection::validatePage()
             return false;
         }
         picked << index;
-        // Room for the package and for what it installs; an unknown size adds
-        // nothing, and a sum past what fits stays at the largest need.
-        const qint64 size = qMax<qint64>(0, app->manifest.at(index).FileSize);
-        if (__builtin_add_overflow(needed, size, &needed) || __builtin_add_overflow(needed, size, &needed))
-            needed = std::numeric_limits<qint64>::max();
     }
 
     if (picked.isEmpty()) {
@@ -184,6 +176,7 @@ bool DlrSelection::validatePage()
         return false;
     }
 
+    const qint64 needed = DlrSpaceNeeded(app->manifest, picked);
     const QDir* folder = app->GetDownloadDir();
     const qint64 available = DlrMachineAssay::GetAvailableDisk(*folder);
     if (available < needed) {

@@ -2,7 +2,7 @@
 // the newest core server, the bridges for host applications that are
 // installed, and the rest by what the manifest says about showing them.
 
-#include "DlrSelection.h"
+#include "DlrSelectionRules.h"
 
 #include "DlrApp.h"
 #include "DlrMachineAssay.h"
@@ -13,6 +13,8 @@
 #include <QRegExp>
 #include <QRegularExpression>
 #include <QSet>
+
+#include <limits>
 
 // What differs between the host applications a bridge is built for.
 struct DlrBridgeHost {
@@ -60,7 +62,7 @@ DlrMachineAssay* machine()
 
 } // namespace
 
-int DlrSelection::manifestIndexOf(const DlrManifestElement* offer)
+int DlrSelectionRules::manifestIndexOf(const DlrManifestElement* offer)
 {
     const QList<DlrManifestElement>& manifest = dlrApp()->manifest;
     for (int i = 0; i < manifest.size(); ++i) {
@@ -70,7 +72,7 @@ int DlrSelection::manifestIndexOf(const DlrManifestElement* offer)
     return -1;
 }
 
-void DlrSelection::chooseDownloads()
+void DlrSelectionRules::chooseDownloads()
 {
     QList<DlrManifestElement>& manifest = dlrApp()->manifest;
     OfferTree tree;
@@ -129,7 +131,7 @@ void DlrSelection::chooseDownloads()
     }
 }
 
-void DlrSelection::SelectApplicableOffers(const QList<DlrManifestElement*>& offers)
+void DlrSelectionRules::SelectApplicableOffers(const QList<DlrManifestElement*>& offers)
 {
     // A bridge is only useful beside the core server of its own build.
     if (AttemptSelectVCSFromOffers(offers) == NotSelected) {
@@ -152,7 +154,7 @@ void DlrSelection::SelectApplicableOffers(const QList<DlrManifestElement*>& offe
     }
 }
 
-DlrSelection::SelectionDecision DlrSelection::AttemptSelectVCSFromOffers(const QList<DlrManifestElement*>& offers)
+DlrSelectionRules::SelectionDecision DlrSelectionRules::AttemptSelectVCSFromOffers(const QList<DlrManifestElement*>& offers)
 {
     DlrManifestElement* server = nullptr;
     for (DlrManifestElement* offer : offers) {
@@ -191,19 +193,19 @@ DlrSelection::SelectionDecision DlrSelection::AttemptSelectVCSFromOffers(const Q
     return NotSelected;
 }
 
-DlrSelection::SelectionDecision DlrSelection::AttemptSelectVfMFromOffer(DlrManifestElement* offer,
+DlrSelectionRules::SelectionDecision DlrSelectionRules::AttemptSelectVfMFromOffer(DlrManifestElement* offer,
                                                                         const QString& bridgeVer)
 {
     return attemptSelectBridge(offer, bridgeVer, kMaya);
 }
 
-DlrSelection::SelectionDecision DlrSelection::AttemptSelectVfKFromOffer(DlrManifestElement* offer,
+DlrSelectionRules::SelectionDecision DlrSelectionRules::AttemptSelectVfKFromOffer(DlrManifestElement* offer,
                                                                         const QString& bridgeVer)
 {
     return attemptSelectBridge(offer, bridgeVer, kKatana);
 }
 
-DlrSelection::SelectionDecision DlrSelection::attemptSelectBridge(DlrManifestElement* offer, const QString& bridgeVer,
+DlrSelectionRules::SelectionDecision DlrSelectionRules::attemptSelectBridge(DlrManifestElement* offer, const QString& bridgeVer,
                                                                   const DlrBridgeHost& host)
 {
     // maya2018 names host version 2018; 2018.5 stays as it is.
@@ -248,4 +250,15 @@ DlrSelection::SelectionDecision DlrSelection::attemptSelectBridge(DlrManifestEle
         }
     }
     return NotSelected;
+}
+
+qint64 DlrSpaceNeeded(const QList<DlrManifestElement>& manifest, const QList<int>& indices)
+{
+    qint64 needed = 0;
+    for (int index : indices) {
+        const qint64 size = qMax<qint64>(0, manifest.at(index).FileSize);
+        if (__builtin_add_overflow(needed, size, &needed) || __builtin_add_overflow(needed, size, &needed))
+            return std::numeric_limits<qint64>::max();
+    }
+    return needed;
 }

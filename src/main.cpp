@@ -1,8 +1,10 @@
 #include "DlrApp.h"
 #include "DlrLog.h"
+#include "DlrUnattended.h"
 
 int main(int argc, char** argv)
 {
+    DlrPrepareUnattended(argc, argv);
     DlrApp app(argc, argv);
     DlrInitializeLogging();
     if (app.Start())
