@@ -57,8 +57,10 @@ void DlrUnattended::run()
     app->DoAssay();
     QStringList found;
     for (const AssayedProduct& product : app->assay->FindAssayedProductByVersion(QString(), QString())) {
+        const QString name = product.value(QStringLiteral("ProductName"));
+        const QString version = product.value(QStringLiteral("Version"));
         const QString build = product.value(QStringLiteral("BuildId"));
-        found << product.value(QStringLiteral("ProductName"))
+        found << name + (name.contains(version) ? QString() : QLatin1Char(' ') + version)
                 + (build.isEmpty() ? QString() : QStringLiteral(" (build %1)").arg(build));
     }
     QString memory;
