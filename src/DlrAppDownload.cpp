@@ -311,14 +311,9 @@ void DlrApp::downloadReadyRead()
         }
         downloadWritten += got;
     }
-    // The file buffers small writes; a full disk may only show when that
-    // buffer is written out, so push it out while the reply can still be
-    // aborted.
-    if (!file->flush()) {
-        const QFileDevice::FileError error = file->error();
-        downloadReply->abort();
-        qDebug() << "Failed writing to file in download" << error;
-    }
+    // No flush here: the file writes its buffer out whenever it fills, and
+    // a write that fails then (a full disk) fails the write() above; the
+    // last bytes are flushed and synced before the file is given its name.
 }
 
 bool DlrApp::startDownloadBody(DlrManifestElement& offer, QFile& file)

@@ -148,11 +148,22 @@ void DlrDownload::requestNextDownload()
         QCoreApplication::exit(0);
         return;
     }
+    progressShown.invalidate();
     connect(downloadReply, &QNetworkReply::downloadProgress, this, &DlrDownload::downloadProgress);
 }
 
 void DlrDownload::downloadProgress(qint64 bytesReceived, qint64 bytesTotal)
 {
+    // Qt reports every piece that arrives; ten redraws a second are all an
+    // eye can follow, and each one costs the download time.
+    if (progressShown.isValid() && progressShown.elapsed() < 100 && bytesReceived != bytesTotal)
+        return;
+    progressShown.start();
+    // A resumed download counts what its file held already.
+    const qint64 offset = dlrApp()->downloadOffset;
+    bytesReceived += offset;
+    if (bytesTotal > 0)
+        bytesTotal += offset;
     // Without a known total there is no fraction: the bar stays at the
     // product's start and the label shows what has arrived.
     if (bytesTotal <= 0) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QPixmap>
 #include <QProcess>
 #include <QString>
@@ -66,6 +67,7 @@ private:
     QLabel* status = nullptr;
     QLabel* amount = nullptr;
     int progressStep = 0;
+    QElapsedTimer progressShown; // when the bar and amount last changed
     QNetworkReply* downloadReply = nullptr; // owned by the download engine
     std::unique_ptr<DlrOSXProcess> installerProcess;
     bool backAfterInstall = false;
