@@ -43,7 +43,9 @@ class DlrPieceInput : public QXmlInputSource
 public:
     explicit DlrPieceInput(const std::function<QByteArray()>& next)
         : next(next)
-        , decoder(QTextCodec::codecForMib(106)->makeDecoder()) // UTF-8
+        // UTF-8. Qt's decoder drops a U+FEFF whose bytes a read cut in two
+        // as if it began the stream; the mark is taken off here instead.
+        , decoder(QTextCodec::codecForMib(106)->makeDecoder(QTextCodec::IgnoreHeader))
     {
     }
 
@@ -55,6 +57,13 @@ public:
             if (bytes.isEmpty())
                 break;
             text = decoder->toUnicode(bytes);
+            // One byte-order mark may open the output; any later U+FEFF is
+            // a character of the document.
+            if (!started && !text.isEmpty()) {
+                started = true;
+                if (text.at(0) == QChar(0xfeff))
+                    text.remove(0, 1);
+            }
         }
         setData(text);
     }
@@ -62,6 +71,7 @@ public:
 private:
     const std::function<QByteArray()>& next;
     std::unique_ptr<QTextDecoder> decoder;
+    bool started = false;
 };
 
 // Text a tool wrote, up to the first NUL byte.

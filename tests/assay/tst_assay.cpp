@@ -114,6 +114,11 @@ private slots:
                           " printf '\\200\\246</string><key>physical_memory</key><string>8 GB</string>"
                           "<key>_name</key><string>Maya 2018 Core</string></dict></array></plist>'")
             << true << "8" << QStringList{"2018"};
+        // A U+FEFF inside a tag name is an error, also when a read cuts it.
+        QTest::newRow("read ends inside a U+FEFF")
+            << QByteArray("printf '<plist><array><dict><key>physical_memory</key><string>8 GB</string><k\\357\\273'; sleep 0.3;"
+                          " printf '\\277ey>_name</key><string>Maya 2018 Core</string></dict></array></plist>'")
+            << false << "8" << QStringList();
         QTest::newRow("complete document, failed status") << fixture + "; exit 1" << true << "16" << QStringList{"2016", "2017", "2016.5"};
         QTest::newRow("malformed keeps what came before") << printing("<key>physical_memory</key><string>8 GB</string><key>_name</key><string>Maya 2017 Core</string></aray>") << false << "8" << QStringList{"2017"};
         QTest::newRow("truncated") << "head -c " + cut + " '" + kFixture.toUtf8() + "'" << false << "16" << QStringList{"2016"};
