@@ -291,7 +291,7 @@ void DlrMachineAssay::findOktavoProducts()
                     continue;
                 }
                 if (mayaRx.indexIn(entry) < 0) {
-                    qDebug().noquote() << "No maya verion in VWS path" << renderer;
+                    qDebug().noquote() << "No maya version in VWS path" << renderer;
                     continue;
                 }
                 const QString mayaVersion = mayaRx.cap(1);
@@ -309,7 +309,7 @@ void DlrMachineAssay::findOktavoProducts()
                     continue;
                 }
                 if (mayaRx.indexIn(entry) < 0) {
-                    qDebug().noquote() << "No maya verion in VFM path" << idFile;
+                    qDebug().noquote() << "No maya version in VFM path" << idFile;
                     continue;
                 }
                 const QString mayaVersion = mayaRx.cap(1);

@@ -122,10 +122,10 @@ void DlrSelectionRules::chooseDownloads()
             qDebug() << offer.matchName() << "is hidden";
             hiddenIndices << i;
         } else if (behavior == QLatin1String("show")) {
-            qDebug() << offer.matchName() << "is speficied as shown";
+            qDebug() << offer.matchName() << "is specified as shown";
             chosenIndices << i;
         } else {
-            qDebug() << offer.matchName() << "is specifed hidden";
+            qDebug() << offer.matchName() << "is specified hidden";
             hiddenIndices << i;
         }
     }
