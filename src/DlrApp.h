@@ -114,6 +114,7 @@ public:
     qint64 downloadWritten = 0;
     bool downloadStarted = false;
     bool downloadDiscarding = false;
+    QString downloadWriteError; // why its file did not take the data, if it did not
     std::unique_ptr<char[]> downloadBuffer;
     std::unique_ptr<QDir> downloadDir;
     bool sslErrorsAccepted = false;

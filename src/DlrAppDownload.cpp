@@ -15,6 +15,7 @@
 #include <QNetworkRequest>
 #include <QRegularExpression>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -84,6 +85,14 @@ qint64 rangeStartOf(const QNetworkReply* reply)
     bool ok = false;
     const qint64 start = match.hasMatch() ? match.captured(1).toLongLong(&ok) : -1;
     return ok ? start : -1;
+}
+
+// The reply is aborted when the file does not take its data (a full disk),
+// and the abort's own error would not tell the user why. `cause` is errno
+// just after the failed call: for a failed flush Qt keeps no text of it.
+QString writeFailure(const QFile& file, int cause)
+{
+    return QStringLiteral("Could not write %1: %2").arg(file.fileName(), qt_error_string(cause));
 }
 
 } // namespace
@@ -195,6 +204,7 @@ QNetworkReply* DlrApp::DownloadProduct(int manifestIndex)
     downloadWritten = downloadOffset;
     downloadStarted = false;
     downloadDiscarding = false;
+    downloadWriteError.clear();
 
     qDebug() << "downloading " << (offer.SimpleName.isEmpty() ? offer.Name : offer.SimpleName) << "from"
              << offer.DownloadURL << "at" << downloadOffset;
@@ -304,7 +314,9 @@ void DlrApp::downloadReadyRead()
         if (downloadDiscarding)
             continue;
         if (file->write(downloadBuffer.get(), got) < got) {
+            const int cause = errno;
             const QFileDevice::FileError error = file->error();
+            downloadWriteError = writeFailure(*file, cause);
             downloadReply->abort();
             qDebug() << "Failed writing to file in download" << error;
             return;
@@ -397,7 +409,10 @@ void DlrApp::finishedDownload(QNetworkReply* reply)
         startDownloadBody(offer, *file);
 
     QString failure;
-    if (reply->error() != QNetworkReply::NoError) {
+    if (!downloadWriteError.isEmpty()) {
+        failure = downloadWriteError;
+        qDebug() << failure;
+    } else if (reply->error() != QNetworkReply::NoError) {
         failure = DlrNetworkError(DlrTransferTimeout::Expired(reply) ? QNetworkReply::TimeoutError : reply->error());
         qDebug() << failure;
     }

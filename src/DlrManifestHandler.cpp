@@ -1,6 +1,7 @@
 #include "DlrManifestHandler.h"
 
 #include "DlrApp.h"
+#include "DlrConstants.h"
 
 #include <QBuffer>
 #include <QDebug>
@@ -33,12 +34,22 @@ bool DlrManifestHandler::startElement(const QString&, const QString& localName, 
         {QStringLiteral("DLRSuccessURL"), SuccessUrlField},
     };
 
+    if (++depth > DlrXmlMaxDepth) {
+        qDebug() << "Manifest nested deeper than" << DlrXmlMaxDepth << "elements";
+        return false;
+    }
     if (localName == QLatin1String("ProductInfo")) {
         manifest.append(DlrManifestElement());
         currentField = NoField;
     } else {
         currentField = fields.value(localName, NoField);
     }
+    return true;
+}
+
+bool DlrManifestHandler::endElement(const QString&, const QString&, const QString&)
+{
+    --depth;
     return true;
 }
 

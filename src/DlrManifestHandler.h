@@ -22,6 +22,7 @@ public:
 
     bool startElement(const QString& namespaceURI, const QString& localName, const QString& qName,
                       const QXmlAttributes& atts) override;
+    bool endElement(const QString& namespaceURI, const QString& localName, const QString& qName) override;
     bool characters(const QString& ch) override;
     bool fatalError(const QXmlParseException& exception) override;
 
@@ -50,6 +51,7 @@ private:
     QList<DlrManifestElement>& manifest;
     QUrl& successURL;
     Field currentField = NoField;
+    int depth = 0; // elements open
 };
 
 // One document read into `offers` (appended, never cleared) and

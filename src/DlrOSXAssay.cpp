@@ -3,6 +3,7 @@
 
 #include "DlrMachineAssay.h"
 
+#include "DlrConstants.h"
 #include "DlrPlatform.h"
 #include "DlrProfileReader.h"
 #include "kelProfileHandler.h"
@@ -129,12 +130,22 @@ bool kelProfileHandler::startElement(const QString& namespaceURI, const QString&
     Q_UNUSED(qName)
     Q_UNUSED(attributes)
 
+    if (++depth > DlrXmlMaxDepth) {
+        qDebug() << "system_profiler output nested deeper than" << DlrXmlMaxDepth << "elements";
+        return false;
+    }
     // A "string" after a key of ours is that key's value element.
     const bool pendingValue = (state == MemoryValue || state == ItemName) && localName == QLatin1String("string");
     if (localName == QLatin1String("key"))
         state = KeyOpened;
     else if (!pendingValue)
         state = Idle;
+    return true;
+}
+
+bool kelProfileHandler::endElement(const QString&, const QString&, const QString&)
+{
+    --depth;
     return true;
 }
 

@@ -17,6 +17,7 @@ public:
 
     bool startElement(const QString& namespaceURI, const QString& localName, const QString& qName,
                       const QXmlAttributes& attributes) override;
+    bool endElement(const QString& namespaceURI, const QString& localName, const QString& qName) override;
     bool characters(const QString& text) override;
     bool fatalError(const QXmlParseException& exception) override;
 
@@ -31,4 +32,5 @@ private:
     QList<AssayedProduct>& products;
     QHash<DlrAttrNames, QString>& properties;
     int state = Idle;
+    int depth = 0; // elements open
 };

@@ -42,28 +42,6 @@ echo 'installer: The install was successful.'
 echo "${pkg##*/}" >> "$(dirname "$0")/installed.txt"
 )";
 
-struct Offer {
-    QString name;      // package file, on the server and in Downloads
-    qint64 size;
-    QString faults;    // the query of its address: the server's fault switches
-};
-
-QByteArray manifestFor(const QList<Offer>& offers)
-{
-    QByteArray xml = "<Manifest>\n";
-    for (const Offer& offer : offers) {
-        const QString address = QStringLiteral("@BASE@/packages/") + offer.name
-            + (offer.faults.isEmpty() ? QString() : QLatin1Char('?') + offer.faults);
-        xml += QStringLiteral("<ProductInfo><Name>%1</Name><SimpleName>Product %2</SimpleName><BuildID>1</BuildID>"
-                              "<FileSize>%3</FileSize><DefaultBehavior>show</DefaultBehavior>"
-                              "<DownloadURL>%4</DownloadURL></ProductInfo>\n")
-                   .arg(offer.name, offer.name.section(QLatin1Char('.'), 0, 0), QString::number(offer.size),
-                        address.toHtmlEscaped())
-                   .toUtf8();
-    }
-    return xml + "</Manifest>\n";
-}
-
 } // namespace
 
 Q_DECLARE_METATYPE(QMessageBox::StandardButton)
@@ -83,13 +61,6 @@ class TestDownloadPage : public QObject
     QProgressBar* bar() const { return page()->findChild<QProgressBar*>(); }
     QString label(const char* name) const { return page()->findChild<QLabel*>(QLatin1String(name))->text(); }
     QAbstractButton* backButton() const { return window->button(QWizard::CustomButton1); }
-
-    void serve(const QList<Offer>& offers)
-    {
-        for (const Offer& offer : offers)
-            server.writePackage(offer.name, offer.size);
-        server.writeCatalogFile(QStringLiteral("manifest.xml"), manifestFor(offers));
-    }
 
     void enterDownloads() { WizardDriver::enterDownloads(window); }
 
@@ -151,7 +122,7 @@ private slots:
     // prefixes or typographic characters. A ".PKG" is downloaded only.
     void progressAndLabels()
     {
-        serve({{"A.pkg", 3000, {}}, {"B.pkg", 3000, {}}, {"Gated.pkg", 3000, {}}, {"D.PKG", 3000, {}}});
+        server.serveOffers({{"A.pkg", 3000, {}}, {"B.pkg", 3000, {}}, {"Gated.pkg", 3000, {}}, {"D.PKG", 3000, {}}});
         DialogAnswerer nobody(QMessageBox::Ok); // a run without a single question
         LogWatch log;
         QStringList atCompletion; // what the page shows the moment a download is done
@@ -253,7 +224,7 @@ private slots:
         QFETCH(QString, outcome);
         const QString faults = whileOpen == QLatin1String("failed") ? QStringLiteral("throttle=100000&drop_after=200000")
                                                                     : QStringLiteral("throttle=100000");
-        serve({{"Slow.pkg", 300000, faults}});
+        server.serveOffers({{"Slow.pkg", 300000, faults}});
         LogWatch log;
         enterDownloads();
         QTRY_VERIFY(!label("downloadAmount").isEmpty()); // bytes are arriving
@@ -309,7 +280,7 @@ private slots:
     {
         QFETCH(QMessageBox::StandardButton, answer);
         QFETCH(bool, endsWhileOpen);
-        serve({{"Gated.pkg", 1000, {}}, {"After.pkg", 1000, {}}});
+        server.serveOffers({{"Gated.pkg", 1000, {}}, {"After.pkg", 1000, {}}});
         LogWatch log;
         enterDownloads();
         QTRY_COMPARE_WITH_TIMEOUT(label("downloadStatus"), QStringLiteral("Installing Product Gated..."), 20000);
@@ -359,7 +330,7 @@ private slots:
         QFETCH(int, exitCode);
         QFETCH(QProcess::ExitStatus, exitStatus);
         QFETCH(QStringList, dialogs);
-        serve({{"Gated.pkg", 1000, {}}, {"After.pkg", 1000, {}}});
+        server.serveOffers({{"Gated.pkg", 1000, {}}, {"After.pkg", 1000, {}}});
         enterDownloads();
         QTRY_COMPARE_WITH_TIMEOUT(label("downloadStatus"), QStringLiteral("Installing Product Gated..."), 20000);
         DialogAnswerer user(QMessageBox::Ok);
@@ -375,7 +346,7 @@ private slots:
     // start over after the last (the bundle has 1 to 4; the page showed 1).
     void whileYouWaitPictures()
     {
-        serve({});
+        server.serveOffers({});
         window.reset(new DlrMainWindow);
         auto* artwork = page()->findChild<QLabel*>(QStringLiteral("downloadArtwork"));
         QList<int> shown;
@@ -394,7 +365,7 @@ private slots:
     // A complete package already in Downloads is installed as it is.
     void packageAlreadyOnDisk()
     {
-        serve({{"Ready.pkg", 2000, {}}});
+        server.serveOffers({{"Ready.pkg", 2000, {}}});
         QFile::copy(server.catalogPath(QStringLiteral("packages/Ready.pkg")), downloads + QStringLiteral("/Ready.pkg"));
         LogWatch log;
         QStringList statusAtInstall;
@@ -414,7 +385,7 @@ private slots:
     // Finish, not with this page's buttons.
     void runEndsOnEntry()
     {
-        serve({{"Notes.zip", 500, {}}});
+        server.serveOffers({{"Notes.zip", 500, {}}});
         QVERIFY(QFile::copy(server.catalogPath(QStringLiteral("packages/Notes.zip")), downloads + QStringLiteral("/Notes.zip")));
         enterDownloads();
         waitForFinishedPage();
@@ -427,7 +398,7 @@ private slots:
     // with another): the user is told, and the run ends with 0.
     void downloadCannotStart()
     {
-        serve({{"Busy.pkg", 400000, QStringLiteral("throttle=100000")}, {"Mine.pkg", 1000, {}}});
+        server.serveOffers({{"Busy.pkg", 400000, QStringLiteral("throttle=100000")}, {"Mine.pkg", 1000, {}}});
         WizardDriver::enterSelection(window);
         QNetworkReply* other = dlrApp()->DownloadProduct(0);
         QVERIFY(other);

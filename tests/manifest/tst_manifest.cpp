@@ -237,6 +237,10 @@ private slots:
             << QByteArray("<M><ProductInfo><Name>A</Name></ProductInfo><ProductInfo><Name>B</Nam") << false << 2
             << "";
         QTest::newRow("not xml") << QByteArray("\x01\x02 binary garbage") << false << 0 << "";
+        // Refused before Qt's reader runs out of stack.
+        QTest::newRow("nested past the limit")
+            << "<M><ProductInfo><Name>A</Name></ProductInfo>" + QByteArray("<a>").repeated(100000) << false << 1
+            << "Manifest nested deeper than 256 elements";
     }
 
     void readerFaults()

@@ -5,6 +5,7 @@
 #include "../support/BundleCopy.h"
 #include "../support/DialogAnswerer.h"
 #include "../support/ProductTree.h"
+#include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
 #include "../support/WizardDriver.h"
@@ -19,7 +20,6 @@
 #include <QCheckBox>
 #include <QJsonDocument>
 #include <QListWidget>
-#include <QProcess>
 #include <QScopeGuard>
 #include <QSignalSpy>
 
@@ -434,11 +434,9 @@ private slots:
         QFETCH(qint64, scenesSize);
         QFETCH(qint64, needed);
         QTemporaryDir small;
-        if (QProcess::execute(QStringLiteral("mount"), {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"),
-                                                        QStringLiteral("size=1m"), QStringLiteral("tmpfs"), small.path()})
-            != 0)
+        const TmpfsMount disk(small.path(), QStringLiteral("1m"));
+        if (!disk.mounted)
             QSKIP("a 1 MiB tmpfs cannot be mounted here (needs root)");
-        const auto unmount = qScopeGuard([&small] { QProcess::execute(QStringLiteral("umount"), {small.path()}); });
         const auto restore = qScopeGuard([] { dlrApp()->downloadDir.reset(); });
         QCOMPARE(DlrMachineAssay::GetAvailableDisk(QDir(small.path())), qint64(1048576));
         dlrApp()->downloadDir.reset(new QDir(small.path()));

@@ -70,6 +70,32 @@ public:
             == 0;
     }
 
+    // One offer of a generated manifest: the package's file on the server
+    // (and in Downloads), and the server's fault switches for its address.
+    struct Offer {
+        QString name;
+        qint64 size = 0; // a patterned package of this size is written; 0: it is in the catalog already
+        QString faults;
+    };
+
+    // manifest.xml offering each package, ticked by default.
+    void serveOffers(const QList<Offer>& offers)
+    {
+        QByteArray xml = "<Manifest>\n";
+        for (const Offer& offer : offers) {
+            if (offer.size > 0)
+                writePackage(offer.name, offer.size);
+            const QString address = QStringLiteral("@BASE@/packages/") + offer.name
+                + (offer.faults.isEmpty() ? QString() : QLatin1Char('?') + offer.faults);
+            xml += QStringLiteral("<ProductInfo><Name>%1</Name><SimpleName>Product %2</SimpleName><BuildID>1</BuildID>"
+                                  "<FileSize>@SIZE:%1@</FileSize><DefaultBehavior>show</DefaultBehavior>"
+                                  "<DownloadURL>%3</DownloadURL></ProductInfo>\n")
+                       .arg(offer.name, offer.name.section(QLatin1Char('.'), 0, 0), address.toHtmlEscaped())
+                       .toUtf8();
+        }
+        writeCatalogFile(QStringLiteral("manifest.xml"), xml + "</Manifest>\n");
+    }
+
     QByteArray package(const QString& name) const
     {
         QFile file(catalogPath(QStringLiteral("packages/") + name));
