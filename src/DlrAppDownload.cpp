@@ -383,10 +383,12 @@ QString DlrApp::completeDownloadFile(QFile& file)
     if (!file.isOpen())
         return QString();
     const bool synced = file.flush() && ::fsync(file.handle()) == 0;
+    const int cause = errno;
     if (!synced)
         qDebug() << "Failed writing to file in download" << file.error();
+    const QString failure = synced ? QString() : writeFailure(file, cause);
     file.close();
-    return synced ? QString() : DlrNetworkError(QNetworkReply::OperationCanceledError);
+    return failure;
 }
 
 void DlrApp::finishedDownload(QNetworkReply* reply)
