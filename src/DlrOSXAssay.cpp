@@ -16,12 +16,6 @@
 #include <QTextDecoder>
 #include <QXmlSimpleReader>
 
-#if __has_include(<sys/statfs.h>)
-#include <sys/statfs.h>
-#else
-#include <sys/mount.h>
-#endif
-
 namespace {
 
 // A product executable gets this long to print its banner.
@@ -412,14 +406,11 @@ bool DlrMachineAssay::getBuildIdFromExecutable(const QString& path, int& buildId
 
 qint64 DlrMachineAssay::GetAvailableDisk(const QDir& folder)
 {
-    const QByteArray path = folder.path().toLocal8Bit();
-    struct statfs fs;
-    if (statfs(path.constData(), &fs) != 0) {
+    qint64 available = 0;
+    if (!DlrPlatform::AvailableBytes(folder.path(), available)) {
         qDebug().noquote() << "statfs failed on" << folder.path();
         return 0;
     }
-    // Blocks kept for the superuser are of no use to the download.
-    const qint64 available = qint64(fs.f_bsize) * qint64(fs.f_bavail);
     qDebug().noquote() << "Bytes avail on" << folder.path() << available;
     return available;
 }
