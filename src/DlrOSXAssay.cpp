@@ -31,12 +31,15 @@ constexpr int kProfilerExitMs = 1000;
 // Feeds the parser piece by piece. Decoding keeps its state from one piece
 // to the next, so a character cut in two by a read comes out whole; a piece
 // that completes no character is not the end of the document (Qt's reader
-// takes empty data for that), the next one is read at once.
+// takes empty data for that), the next one is read at once. Once the root
+// element has ended no more is asked for: a profiler that keeps its output
+// open after the document would otherwise hold the reader until it gives up.
 class DlrPieceInput : public QXmlInputSource
 {
 public:
-    explicit DlrPieceInput(const std::function<QByteArray()>& next)
+    DlrPieceInput(const std::function<QByteArray()>& next, const kelProfileHandler& handler)
         : next(next)
+        , handler(handler)
         // UTF-8. Qt's decoder drops a U+FEFF whose bytes a read cut in two
         // as if it began the stream; the mark is taken off here instead.
         , decoder(QTextCodec::codecForMib(106)->makeDecoder(QTextCodec::IgnoreHeader))
@@ -46,7 +49,7 @@ public:
     void fetchData() override
     {
         QString text;
-        while (text.isEmpty()) {
+        while (text.isEmpty() && !handler.DocumentEnded()) {
             const QByteArray bytes = next();
             if (bytes.isEmpty())
                 break;
@@ -64,6 +67,7 @@ public:
 
 private:
     const std::function<QByteArray()>& next;
+    const kelProfileHandler& handler;
     std::unique_ptr<QTextDecoder> decoder;
     bool started = false;
 };
@@ -123,12 +127,23 @@ bool kelProfileHandler::startElement(const QString& namespaceURI, const QString&
     Q_UNUSED(qName)
     Q_UNUSED(attributes)
 
+    ++depth;
     // A "string" after a key of ours is that key's value element.
     const bool pendingValue = (state == MemoryValue || state == ItemName) && localName == QLatin1String("string");
     if (localName == QLatin1String("key"))
         state = KeyOpened;
     else if (!pendingValue)
         state = Idle;
+    return true;
+}
+
+bool kelProfileHandler::endElement(const QString& namespaceURI, const QString& localName, const QString& qName)
+{
+    Q_UNUSED(namespaceURI)
+    Q_UNUSED(localName)
+    Q_UNUSED(qName)
+    if (--depth == 0)
+        ended = true;
     return true;
 }
 
@@ -183,8 +198,11 @@ DlrProfileFacts DlrReadProfile(const std::function<QByteArray()>& next)
     QXmlSimpleReader reader;
     reader.setContentHandler(&handler);
     reader.setErrorHandler(&handler);
-    DlrPieceInput input(next);
-    facts.complete = reader.parse(&input);
+    DlrPieceInput input(next, handler);
+    // Once the root element has closed the document is whole, whether or
+    // not anything after it arrived in the same read (the reader stops at
+    // the first stray byte there, without reporting any fact).
+    facts.complete = reader.parse(&input) || handler.DocumentEnded();
     return facts;
 }
 
