@@ -62,9 +62,10 @@ DlrdClientXPC::~DlrdClientXPC()
 
 int DlrdClientXPC::InstallService()
 {
-    const QByteArray label = DlrPlatform::HelperLabel().toUtf8();
-    // A helper of ours that already answers needs neither rights nor setup.
+    // A helper of ours that already answers needs neither rights nor setup,
+    // and nothing is installed: nothing to log either.
     if (!DlrdHelperAnswers(DlrPlatform::HelperSocketPath())) {
+        const QByteArray label = DlrPlatform::HelperLabel().toUtf8();
         const QString authorizer = DlrdAuthorizationProgram();
         if (authorizer.isEmpty()) {
             setState(NotAuthorised);
@@ -75,6 +76,7 @@ int DlrdClientXPC::InstallService()
         QByteArray reason;
         switch (DlrdBless(authorizer, DlrPlatform::HelperInstallProgram(), arguments, kBlessTimeoutMs, reason)) {
         case DlrdBlessResult::Installed:
+            syslog(LOG_NOTICE, "Installed helper: %s", label.constData());
             break;
         case DlrdBlessResult::NotAuthorised:
             setState(NotAuthorised);
@@ -90,7 +92,6 @@ int DlrdClientXPC::InstallService()
             return -1;
         }
     }
-    syslog(LOG_NOTICE, "Installed helper: %s", label.constData());
     return 0;
 }
 

@@ -93,6 +93,9 @@ void DlrApp::loadStylesheet(const char* name)
     QFile file(resourcePath("../Resources/stylesheets", name));
     if (!file.exists() || !file.open(QIODevice::ReadOnly | QIODevice::Text))
         return;
+    // The sheet names its pictures as url(images:<name>): a relative path
+    // would be taken from the current folder, not from the bundle.
+    QDir::setSearchPaths(QStringLiteral("images"), {resourcePath("../Resources", "images")});
 
     // Lines are joined without a separator: rules must break lines only
     // where no blank is needed.

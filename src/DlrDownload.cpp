@@ -3,6 +3,7 @@
 #include "DlrApp.h"
 #include "DlrHumanBytes.h"
 #include "DlrInstallerLine.h"
+#include "DlrMachineAssay.h"
 #include "DlrManifestElement.h"
 #include "DlrOSXProcess.h"
 #include "DlrPlatform.h"
@@ -343,6 +344,16 @@ void DlrDownload::startInstaller()
     if (!package.endsWith(QLatin1String(".pkg"))) {
         // Anything but a package is delivered as a download only.
         qDebug() << "Not running installer on " << package;
+        nextDownload();
+        return;
+    }
+    // Without a package installer the user chose, on the selection page,
+    // to go on with downloads only.
+    QString cannotInstall;
+    const DlrMachineAssay* assay = dlrApp()->assay;
+    if (assay && assay->FindMachineProperty(DlrAttrCannotInstallReason, cannotInstall)) {
+        qDebug().noquote() << "Not installing" << package << "-" << cannotInstall;
+        status->setText(product->matchName() + QStringLiteral(" was downloaded but not installed"));
         nextDownload();
         return;
     }

@@ -17,12 +17,6 @@
 #include <QTextDecoder>
 #include <QXmlSimpleReader>
 
-#if __has_include(<sys/statfs.h>)
-#include <sys/statfs.h>
-#else
-#include <sys/mount.h>
-#endif
-
 namespace {
 
 // A product executable gets this long to print its banner.
@@ -38,12 +32,15 @@ constexpr int kProfilerExitMs = 1000;
 // Feeds the parser piece by piece. Decoding keeps its state from one piece
 // to the next, so a character cut in two by a read comes out whole; a piece
 // that completes no character is not the end of the document (Qt's reader
-// takes empty data for that), the next one is read at once.
+// takes empty data for that), the next one is read at once. Once the root
+// element has ended no more is asked for: a profiler that keeps its output
+// open after the document would otherwise hold the reader until it gives up.
 class DlrPieceInput : public QXmlInputSource
 {
 public:
-    explicit DlrPieceInput(const std::function<QByteArray()>& next)
+    DlrPieceInput(const std::function<QByteArray()>& next, const kelProfileHandler& handler)
         : next(next)
+        , handler(handler)
         // UTF-8. Qt's decoder drops a U+FEFF whose bytes a read cut in two
         // as if it began the stream; the mark is taken off here instead.
         , decoder(QTextCodec::codecForMib(106)->makeDecoder(QTextCodec::IgnoreHeader))
@@ -53,7 +50,7 @@ public:
     void fetchData() override
     {
         QString text;
-        while (text.isEmpty()) {
+        while (text.isEmpty() && !handler.DocumentEnded()) {
             const QByteArray bytes = next();
             if (bytes.isEmpty())
                 break;
@@ -71,6 +68,7 @@ public:
 
 private:
     const std::function<QByteArray()>& next;
+    const kelProfileHandler& handler;
     std::unique_ptr<QTextDecoder> decoder;
     bool started = false;
 };
@@ -145,7 +143,8 @@ bool kelProfileHandler::startElement(const QString& namespaceURI, const QString&
 
 bool kelProfileHandler::endElement(const QString&, const QString&, const QString&)
 {
-    --depth;
+    if (--depth == 0)
+        ended = true;
     return true;
 }
 
@@ -200,8 +199,11 @@ DlrProfileFacts DlrReadProfile(const std::function<QByteArray()>& next)
     QXmlSimpleReader reader;
     reader.setContentHandler(&handler);
     reader.setErrorHandler(&handler);
-    DlrPieceInput input(next);
-    facts.complete = reader.parse(&input);
+    DlrPieceInput input(next, handler);
+    // Once the root element has closed the document is whole, whether or
+    // not anything after it arrived in the same read (the reader stops at
+    // the first stray byte there, without reporting any fact).
+    facts.complete = reader.parse(&input) || handler.DocumentEnded();
     return facts;
 }
 
@@ -423,14 +425,11 @@ bool DlrMachineAssay::getBuildIdFromExecutable(const QString& path, int& buildId
 
 qint64 DlrMachineAssay::GetAvailableDisk(const QDir& folder)
 {
-    const QByteArray path = folder.path().toLocal8Bit();
-    struct statfs fs;
-    if (statfs(path.constData(), &fs) != 0) {
+    qint64 available = 0;
+    if (!DlrPlatform::AvailableBytes(folder.path(), available)) {
         qDebug().noquote() << "statfs failed on" << folder.path();
         return 0;
     }
-    // Blocks kept for the superuser are of no use to the download.
-    const qint64 available = qint64(fs.f_bsize) * qint64(fs.f_bavail);
     qDebug().noquote() << "Bytes avail on" << folder.path() << available;
     return available;
 }

@@ -35,6 +35,10 @@ public:
     // The folder of the bundle's helper programs.
     static QString LibexecDir();
 
+    // Bytes an unprivileged user may still write on the file system holding
+    // `folder`; false when the file system cannot be asked.
+    static bool AvailableBytes(const QString& folder, qint64& bytes);
+
 private:
     // The variable's value when it is set and not empty, else the fallback.
     static QString fromEnvironment(const char* name, const QString& fallback);

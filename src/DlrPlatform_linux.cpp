@@ -2,6 +2,11 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
+
+#include <limits>
+
+#include <sys/statvfs.h>
 
 QString DlrPlatform::LibexecDir()
 {
@@ -42,4 +47,18 @@ QString DlrPlatform::HelperProgram()
 QString DlrPlatform::HelperInstallProgram()
 {
     return LibexecDir() + QStringLiteral("/install-helper");
+}
+
+bool DlrPlatform::AvailableBytes(const QString& folder, qint64& bytes)
+{
+    struct statvfs fs;
+    if (::statvfs(QFile::encodeName(folder).constData(), &fs) != 0)
+        return false;
+    // f_bavail counts fragments of f_frsize bytes; f_bsize is only the
+    // preferred transfer size and may be larger (FUSE, network mounts).
+    // Blocks kept for the superuser are of no use to a download.
+    const unsigned long long unit = fs.f_frsize ? fs.f_frsize : fs.f_bsize;
+    const unsigned long long limit = std::numeric_limits<qint64>::max();
+    bytes = fs.f_bavail > limit / (unit ? unit : 1) ? qint64(limit) : qint64(fs.f_bavail * unit);
+    return true;
 }

@@ -2,6 +2,10 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
+
+#include <sys/mount.h>
+#include <sys/param.h>
 
 QString DlrPlatform::LibexecDir()
 {
@@ -43,4 +47,15 @@ QString DlrPlatform::HelperInstallProgram()
 {
     // The service manager copies and registers the helper itself.
     return QString();
+}
+
+bool DlrPlatform::AvailableBytes(const QString& folder, qint64& bytes)
+{
+    struct statfs fs;
+    if (::statfs(QFile::encodeName(folder).constData(), &fs) != 0)
+        return false;
+    // Here f_bavail counts blocks of f_bsize bytes, the fundamental size.
+    // Blocks kept for the superuser are of no use to a download.
+    bytes = qint64(fs.f_bsize) * qint64(fs.f_bavail);
+    return true;
 }

@@ -7,7 +7,8 @@
 // Reads the system profiler's property list as it streams past and keeps
 // two facts: the physical memory (as DlrAttrMemory) and one "Maya" record
 // per Maya installation in the install history. It looks only at the tag
-// just opened and the text after it, never at the nesting.
+// just opened and the text after it; the nesting is counted only to see
+// where the document ends.
 class kelProfileHandler : public QXmlDefaultHandler
 {
 public:
@@ -21,6 +22,10 @@ public:
     bool characters(const QString& text) override;
     bool fatalError(const QXmlParseException& exception) override;
 
+    // The root element has closed: nothing after it can add a fact, so
+    // there is nothing more to wait for.
+    bool DocumentEnded() const { return ended; }
+
 private:
     enum State {
         Idle = 0,
@@ -33,4 +38,5 @@ private:
     QHash<DlrAttrNames, QString>& properties;
     int state = Idle;
     int depth = 0; // elements open
+    bool ended = false;
 };

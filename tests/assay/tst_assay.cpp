@@ -120,6 +120,8 @@ private slots:
                           " printf '\\277ey>_name</key><string>Maya 2018 Core</string></dict></array></plist>'")
             << false << "8" << QStringList();
         QTest::newRow("complete document, failed status") << fixture + "; exit 1" << true << "16" << QStringList{"2016", "2017", "2016.5"};
+        // Read no further than the document: what comes later (if ever) is no part of it.
+        QTest::newRow("complete document, output kept open") << fixture + "; sleep 1; echo more; exec sleep 60" << true << "16" << QStringList{"2016", "2017", "2016.5"};
         QTest::newRow("malformed keeps what came before") << printing("<key>physical_memory</key><string>8 GB</string><key>_name</key><string>Maya 2017 Core</string></aray>") << false << "8" << QStringList{"2017"};
         QTest::newRow("truncated") << "head -c " + cut + " '" + kFixture.toUtf8() + "'" << false << "16" << QStringList{"2016"};
         QTest::newRow("prints nothing") << QByteArray("exit 0") << false << "-" << QStringList();

@@ -380,6 +380,25 @@ private slots:
         QCOMPARE(statusAtInstall, QStringList{"Download/Installing"}); // never "Downloading ..."
     }
 
+    // Without a package installer, OK on the selection page's question means
+    // download only: the package is fetched, not handed to the helper (whose
+    // failure would ask a second question), and the page says so.
+    void downloadOnlyWithoutInstaller()
+    {
+        const QString script = DlrPlatform::PackageInstallerProgram();
+        QVERIFY(QFile::setPermissions(script, QFileDevice::ReadOwner | QFileDevice::WriteOwner));
+        const auto restore = qScopeGuard([&script] {
+            QFile::setPermissions(script, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        });
+        serve({{"Only.pkg", 2000, {}}});
+        DialogAnswerer user(QMessageBox::Ok);
+        enterDownloads();
+        waitForFinishedPage();
+        QCOMPARE(user.texts, QStringList{"Cannot complete the installation on this machine"});
+        QCOMPARE(QFileInfo(downloads + QStringLiteral("/Only.pkg")).size(), qint64(2000));
+        QCOMPARE(label("downloadStatus"), QStringLiteral("Product Only was downloaded but not installed"));
+    }
+
     // A run that ends while the page is being entered (its one product is
     // on disk and is no package) lands on the finished page with only
     // Finish, not with this page's buttons.

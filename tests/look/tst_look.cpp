@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFile>
 #include <QLabel>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QWizardPage>
 
@@ -101,6 +102,20 @@ private slots:
         QVERIFY2(names.size() >= 9, qPrintable(names.join(QLatin1Char(' '))));
         for (const QString& name : names)
             QVERIFY2(sheet.contains(QLatin1Char('#') + name), qPrintable(name));
+    }
+
+    // Every picture the sheet names is found in the bundle, whatever the
+    // current folder: a missing one would leave a tick box silently empty.
+    void styleSheetImages()
+    {
+        DlrApp* app = dlrApp();
+        app->loadStylesheet("vluminstaller.qss");
+        QRegularExpressionMatchIterator url = QRegularExpression(QStringLiteral("url\\(([^)]*)\\)")).globalMatch(app->styleSheet());
+        QVERIFY(url.hasNext());
+        while (url.hasNext()) {
+            const QString name = url.next().captured(1);
+            QVERIFY2(!QPixmap(name).isNull(), qPrintable(name));
+        }
     }
 
     // Lines are joined with nothing between them: a rule broken where no
