@@ -390,7 +390,7 @@ private slots:
         const auto restore = qScopeGuard([&script] {
             QFile::setPermissions(script, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
         });
-        serve({{"Only.pkg", 2000, {}}});
+        server.serveOffers({{"Only.pkg", 2000, {}}});
         DialogAnswerer user(QMessageBox::Ok);
         enterDownloads();
         waitForFinishedPage();
