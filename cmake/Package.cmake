@@ -6,6 +6,12 @@
 # installed relative to / and only by the package, never by a plain
 # `cmake --install`, which must keep making nothing but a bundle.
 
+# cpack (and `make install`) take the tree as built instead of building it
+# first: that build would relink the wizard, whose stamp changes every
+# minute, under the feet of tests of the same tree that are running it.
+# scripts/package builds what the package holds before it packs.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+
 set(VLUM_PACKAGE_NAME velluma-installer)
 set(VLUM_PACKAGE_PREFIX /opt/velluma-installer)
 set(VLUM_APPSTREAM_ID com.oktavo.velluma.installer)
