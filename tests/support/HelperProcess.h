@@ -47,15 +47,17 @@ public:
         return false;
     }
 
-    void Stop(int signal)
+    // True when it ended by itself, with status 0.
+    bool Stop(int signal)
     {
         if (process.state() != QProcess::Running)
-            return;
+            return false;
         ::kill(pid_t(process.processId()), signal);
-        if (!process.waitForFinished(5000)) {
-            process.kill();
-            process.waitForFinished(5000);
-        }
+        if (process.waitForFinished(5000))
+            return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+        process.kill();
+        process.waitForFinished(5000);
+        return false;
     }
 
     bool IsRunning() const { return process.state() == QProcess::Running; }

@@ -5,7 +5,7 @@
 //
 //   dlrdserver --socket <path> [--delay-ms N] [--childpid N] [--no-execerror]
 //              [--no-fd] [--drop <code>] [--terminate-on <code>]
-//              [--no-build] [--unsolicited]
+//              [--no-build] [--unsolicited] [--die-after <n>]
 
 #include "DlrdWire.h"
 
@@ -29,6 +29,7 @@ struct Script {
     bool fd = true;
     qint64 drop = 0;
     qint64 terminateOn = 0;
+    int dieAfter = 0; // ends the process on the n-th request, as a helper that crashes
     bool build = true;
     bool unsolicited = false;
 };
@@ -65,6 +66,9 @@ void serve(int fd, const Script& script, int devnull)
         DlrdMessage request;
         while (frames.Next(id, request) == DlrdDecodeResult::Complete) {
             const qint64 code = request.Int64("message");
+            static int requests = 0;
+            if (++requests == script.dieAfter)
+                ::_exit(3);
             if (code == script.drop)
                 continue;
             if (code == script.terminateOn) {
@@ -104,6 +108,8 @@ int main(int argc, char** argv)
             script.drop = value.toLongLong(), ++i;
         else if (arg == "--terminate-on")
             script.terminateOn = value.toLongLong(), ++i;
+        else if (arg == "--die-after")
+            script.dieAfter = value.toInt(), ++i;
         else if (arg == "--no-execerror")
             script.execError = false;
         else if (arg == "--no-fd")

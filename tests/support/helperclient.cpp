@@ -1,10 +1,13 @@
 // A client of the helper for tests that act as another user (run through
-// `setpriv --reuid`): one request, a connection flood, or an open request
-// raced against a folder swapped for a link.
+// `setpriv --reuid`): one request, a connection flood, a connection that
+// never asks, or an open request raced against a folder swapped for a link.
 //
-//   helperclient <socket> exec <installer> <package>   output, or exit 1
-//   helperclient <socket> open <path> <flags>          the file's bytes, or exit 1
-//   helperclient <socket> hold <n> <seconds>           opens n connections
+//   helperclient <socket> exec <installer> <package>   output, or "refused: <why>" and exit 1
+//   helperclient <socket> open <path> <flags>          the file's bytes, or "refused" and exit 1
+//   helperclient <socket> hold <n> <seconds>           opens n connections, says how many
+//                                                      were answered, holds them
+//   helperclient <socket> silent <seconds>             "dropped" when the helper hangs up
+//                                                      on a connection that never asks
 //   helperclient <socket> race <dir> <count>           swaps <dir>/sub with <dir>/evil
 //                                                      while opening below it
 
@@ -109,8 +112,10 @@ int open(const char* path, const char* flags)
 {
     const int connection = connectHelper();
     const QByteArray bytes = connection < 0 ? QByteArray() : openThroughHelper(connection, path, std::atoi(flags));
-    if (bytes.isNull())
+    if (bytes.isNull()) {
+        std::puts("refused");
         return 1;
+    }
     std::fputs(bytes.constData(), stdout);
     return 0;
 }
@@ -127,9 +132,19 @@ int hold(int count, int seconds)
         if (fd >= 0 && ask(fd, request, reply))
             ++answered;
     }
-    std::printf("%d\n", answered);
+    std::printf("answered=%d refused=%d\n", answered, count - answered);
     std::fflush(stdout);
     ::sleep(unsigned(seconds));
+    return 0;
+}
+
+int silent(int seconds)
+{
+    const int fd = connectHelper();
+    pollfd p{fd, POLLIN, 0};
+    char byte;
+    const bool dropped = fd >= 0 && ::poll(&p, 1, seconds * 1000) == 1 && ::read(fd, &byte, 1) == 0;
+    std::puts(dropped ? "dropped" : "kept");
     return 0;
 }
 
@@ -184,6 +199,8 @@ int main(int argc, char** argv)
         return open(argv[3], argv[4]);
     if (command == "hold" && argc == 5)
         return hold(std::atoi(argv[3]), std::atoi(argv[4]));
+    if (command == "silent" && argc == 4)
+        return silent(std::atoi(argv[3]));
     if (command == "race" && argc == 5)
         return race(argv[3], std::atoi(argv[4]));
     return 2;
