@@ -8,6 +8,7 @@
 
 #include <QFile>
 #include <QImageReader>
+#include <QNetworkAccessManager>
 #include <QSettings>
 #include <QTextStream>
 
@@ -35,6 +36,14 @@ DlrApp::~DlrApp()
     downloadBuffer.reset();
     unattendedRun.reset();
     mainWindow.reset();
+    // Now, while the application is whole: as a child it would go only after
+    // QCoreApplication's own teardown, too late to wind down its network
+    // thread, whose objects were then lost (a run that ends while a
+    // connection is still being closed).
+    delete networkManager;
+    networkManager = nullptr;
+    manifestReply = nullptr;
+    downloadReply = nullptr;
 }
 
 bool DlrApp::Start()

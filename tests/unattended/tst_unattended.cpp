@@ -75,6 +75,7 @@ struct Machine {
 struct Outcome {
     int exitCode = -1;
     QStringList lines;
+    QString errors; // standard error, for the message of a failed check
 
     static Outcome of(QProcess& process)
     {
@@ -84,6 +85,7 @@ struct Outcome {
         if (process.exitStatus() == QProcess::NormalExit)
             outcome.exitCode = process.exitCode();
         outcome.lines = QString::fromUtf8(process.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        outcome.errors = QString::fromUtf8(process.readAllStandardError().right(4000));
         return outcome;
     }
 
@@ -198,9 +200,9 @@ private slots:
         QVERIFY(machine.make());
         const std::unique_ptr<QProcess> process = machine.start(trustedServer ? server : unknownIssuer, options);
         const Outcome outcome = Outcome::of(*process);
-        const QString printed = outcome.lines.join(QLatin1Char('\n'));
+        const QString printed = outcome.lines.join(QLatin1Char('\n')) + QStringLiteral("\n--- stderr:\n") + outcome.errors;
         QVERIFY2(outcome.printed(line), qPrintable(printed));
-        QCOMPARE(outcome.exitCode, exitCode);
+        QVERIFY2(outcome.exitCode == exitCode, qPrintable(QStringLiteral("exit %1\n").arg(outcome.exitCode) + printed));
         std::sort(installed.begin(), installed.end());
         QCOMPARE(machine.installed(), installed);
     }
