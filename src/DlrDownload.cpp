@@ -370,8 +370,7 @@ void DlrDownload::startInstaller()
 
     progressBar->setValue(position * progressStep + progressStep / 2);
     const QString program = DlrPlatform::PackageInstallerProgram();
-    const QStringList arguments{QStringLiteral("-verboseR"), QStringLiteral("-target"), QStringLiteral("/"),
-                                QStringLiteral("-package"), package};
+    const QStringList arguments = DlrPlatform::PackageInstallerArguments(package);
     qDebug() << "running installer" << program << arguments;
     process->start(program, arguments, QIODevice::ReadOnly);
 }

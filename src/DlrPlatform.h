@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 // The values that differ between the platforms the wizard runs on. One
 // implementation per platform (DlrPlatform_<os>.cpp), chosen by CMake;
@@ -18,6 +19,12 @@ public:
 
     // The package installer the privileged helper runs.
     static QString PackageInstallerProgram();
+    // Its command line for installing `package` on the whole machine.
+    static QStringList PackageInstallerArguments(const QString& package)
+    {
+        return {QStringLiteral("-verboseR"), QStringLiteral("-target"), QStringLiteral("/"),
+                QStringLiteral("-package"), package};
+    }
 
     // The label the privileged helper is registered under.
     static QString HelperLabel();

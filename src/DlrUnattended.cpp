@@ -288,9 +288,7 @@ void DlrUnattended::install()
     connect(installer.get(), &DlrOSXProcess::readyReadStandardOutput, this, &DlrUnattended::installerOutput);
     log.Event(QStringLiteral("install"), currentName(), QStringLiteral("installing ") + package,
               {{QStringLiteral("state"), QStringLiteral("started")}});
-    installer->start(DlrPlatform::PackageInstallerProgram(),
-                     {QStringLiteral("-verboseR"), QStringLiteral("-target"), QStringLiteral("/"),
-                      QStringLiteral("-package"), package},
+    installer->start(DlrPlatform::PackageInstallerProgram(), DlrPlatform::PackageInstallerArguments(package),
                      QIODevice::ReadOnly);
 }
 

@@ -5,7 +5,7 @@
 // meets: a dropped connection, a missing package, a corrupt one, a helper
 // that is gone.
 
-#include "../support/ChildRun.h"
+#include "../support/DemoCatalog.h"
 #include "../support/DialogAnswerer.h"
 #include "../support/HelperProcess.h"
 #include "../support/TestMain.h"
@@ -25,18 +25,7 @@
 
 #include <csignal>
 
-namespace {
-
-const QString kCore = QStringLiteral("Velluma-CoreServer-22.0.1234.pkg");
-const QString kBridge = QStringLiteral("VellumaForMaya-22.0-maya2018_1234.pkg");
-const QString kScenes = QStringLiteral("VellumaSampleScenes-22.0_1234.pkg");
-
-// Where each of them lands on the machine.
-const QString kCoreFolder = QStringLiteral("Velluma CoreServer 22.0");
-const QString kBridgeFolder = QStringLiteral("VellumaForMaya-22.0-maya2018");
-const QString kScenesFolder = QStringLiteral("Velluma Sample Scenes 22.0");
-
-} // namespace
+using namespace DemoCatalog;
 
 class TestEndToEnd : public QObject
 {
@@ -61,12 +50,9 @@ class TestEndToEnd : public QObject
     QLabel* amountLabel() const { return downloadPage()->findChild<QLabel*>(QStringLiteral("downloadAmount")); }
 
     // The demo manifest, with each (from, to) replacement made in it.
-    void serveManifest(const QList<QPair<QString, QString>>& replacements = {})
+    void serveManifest(const Replacements& replacements = {})
     {
-        QByteArray xml = manifestTemplate;
-        for (const auto& replacement : replacements)
-            xml.replace(replacement.first.toUtf8(), replacement.second.toUtf8());
-        server.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
+        server.writeCatalogFile(QStringLiteral("manifest.xml"), edited(manifestTemplate, replacements));
     }
 
     // The demo manifest with extra switches in one package's address.
@@ -133,16 +119,9 @@ private slots:
         downloads = QDir::homePath() + QStringLiteral("/Downloads");
 
         demoCatalog = work.filePath(QStringLiteral("demo-catalog"));
-        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"),
-                                       {QStringLiteral("--sign-key"), QStringLiteral(VLUM_DEMO_KEY), demoCatalog},
-                                       work.path());
-        QVERIFY2(made.exitCode == 0, made.err.constData());
-        const QDir packages(demoCatalog + QStringLiteral("/packages"));
-        for (const QString& name : packages.entryList(QDir::Files))
-            QVERIFY(QFile::copy(packages.filePath(name), server.catalogPath(QStringLiteral("packages/") + name)));
-        QFile manifest(demoCatalog + QStringLiteral("/manifest.xml"));
-        QVERIFY(manifest.open(QIODevice::ReadOnly));
-        manifestTemplate = manifest.readAll();
+        QByteArray error;
+        manifestTemplate = load(server, demoCatalog, work.path(), error);
+        QVERIFY2(!manifestTemplate.isEmpty(), error.constData());
         QVERIFY(server.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
         WizardDriver::useServer(server);
 

@@ -2,7 +2,7 @@
 // real program as a child process against the real vendor server with the
 // demo catalog, each machine with its own helper and installer.
 
-#include "../support/ChildRun.h"
+#include "../support/DemoCatalog.h"
 #include "../support/HelperProcess.h"
 #include "../support/VendorServer.h"
 
@@ -16,14 +16,7 @@
 
 namespace {
 
-const QString kCore = QStringLiteral("Velluma-CoreServer-22.0.1234.pkg");
-const QString kBridge = QStringLiteral("VellumaForMaya-22.0-maya2018_1234.pkg");
-const QString kScenes = QStringLiteral("VellumaSampleScenes-22.0_1234.pkg");
-const QString kCoreFolder = QStringLiteral("Velluma CoreServer 22.0");
-const QString kBridgeFolder = QStringLiteral("VellumaForMaya-22.0-maya2018");
-const QString kScenesFolder = QStringLiteral("Velluma Sample Scenes 22.0");
-
-using Replacements = QList<QPair<QString, QString>>;
+using namespace DemoCatalog;
 
 // One demo machine: a Maya 2018, an empty product root, a home folder and
 // a helper that installs into this machine only.
@@ -110,9 +103,7 @@ class TestUnattended : public QObject
 
     void serveManifest(const Replacements& replacements)
     {
-        QByteArray xml = manifestTemplate;
-        for (const auto& replacement : replacements)
-            xml.replace(replacement.first.toUtf8(), replacement.second.toUtf8());
+        const QByteArray xml = edited(manifestTemplate, replacements);
         server.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
         unknownIssuer.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
     }
@@ -130,17 +121,10 @@ private slots:
     {
         QVERIFY(work.isValid());
         const QString catalog = work.filePath(QStringLiteral("demo-catalog"));
-        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"),
-                                       {QStringLiteral("--sign-key"), QStringLiteral(VLUM_DEMO_KEY), catalog},
-                                       work.path());
-        QVERIFY2(made.exitCode == 0, made.err.constData());
-        const QDir packages(catalog + QStringLiteral("/packages"));
-        for (const QString& name : packages.entryList(QDir::Files))
-            QVERIFY(QFile::copy(packages.filePath(name), server.catalogPath(QStringLiteral("packages/") + name)));
+        QByteArray error;
+        manifestTemplate = load(server, catalog, work.path(), error);
+        QVERIFY2(!manifestTemplate.isEmpty(), error.constData());
         server.writePackage(QStringLiteral("corrupt.pkg"), 5000); // not an archive
-        QFile manifest(catalog + QStringLiteral("/manifest.xml"));
-        QVERIFY(manifest.open(QIODevice::ReadOnly));
-        manifestTemplate = manifest.readAll();
         QVERIFY(server.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
         QVERIFY(unknownIssuer.start({QStringLiteral("--tls"), QStringLiteral("ca")}));
     }
