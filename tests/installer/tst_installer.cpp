@@ -158,41 +158,42 @@ private slots:
         const QString none = QStringLiteral("none");
         const QString demo = QStringLiteral("demo");
         const QString changed = QStringLiteral("signature does not match");
-        QTest::newRow("text file") << "text" << none << "not a package archive" << QStringList();
-        QTest::newRow("compressed, not an archive") << "gzip-not-tar" << none << "not a package archive" << QStringList();
-        QTest::newRow("archive, not compressed") << "tar-not-gzip" << none << "not a package archive" << QStringList();
-        QTest::newRow("no PackageInfo") << "no-info" << none << "no PackageInfo" << QStringList();
-        QTest::newRow("PackageInfo without version") << "info-without-version" << none << "PackageInfo needs" << QStringList();
-        QTest::newRow("absolute entry") << "absolute-entry" << none << "absolute entry name" << QStringList();
-        QTest::newRow("'..' entry") << "dotdot-entry" << none << "entry name with '..'" << QStringList();
+        const QStringList alone;
+        QTest::newRow("text file") << "text" << none << "not a package archive" << alone;
+        QTest::newRow("compressed, not an archive") << "gzip-not-tar" << none << "not a package archive" << alone;
+        QTest::newRow("archive, not compressed") << "tar-not-gzip" << none << "not a package archive" << alone;
+        QTest::newRow("no PackageInfo") << "no-info" << none << "no PackageInfo" << alone;
+        QTest::newRow("PackageInfo without version") << "info-without-version" << none << "PackageInfo needs" << alone;
+        QTest::newRow("absolute entry") << "absolute-entry" << none << "absolute entry name" << alone;
+        QTest::newRow("'..' entry") << "dotdot-entry" << none << "entry name with '..'" << alone;
         QTest::newRow("'..' entry with a newline, escaped")
-            << "dotdot-newline" << none << "entry name with '..': Payload/../vlum\\nescaped" << QStringList();
-        QTest::newRow("absolute link") << "absolute-link" << none << "points outside the target" << QStringList();
-        QTest::newRow("link climbing out") << "climbing-link" << none << "points outside the target" << QStringList();
+            << "dotdot-newline" << none << "entry name with '..': Payload/../vlum\\nescaped" << alone;
+        QTest::newRow("absolute link") << "absolute-link" << none << "points outside the target" << alone;
+        QTest::newRow("link climbing out") << "climbing-link" << none << "points outside the target" << alone;
         QTest::newRow("two links that leave together") << "links-together" << none << "points outside the target"
-                                                        << QStringList();
+                                                        << alone;
         QTest::newRow("file written through links") << "file-through-links" << none << "leads outside the target"
-                                                     << QStringList();
+                                                     << alone;
         QTest::newRow("hard link outside the payload") << "hard-link-outside" << none << "outside the payload"
-                                                       << QStringList();
-        QTest::newRow("device node") << "device" << none << "unsupported entry type" << QStringList();
-        QTest::newRow("decompression bomb") << "bomb" << none << "unpacks to more than 64 GiB" << QStringList();
+                                                       << alone;
+        QTest::newRow("device node") << "device" << none << "unsupported entry type" << alone;
+        QTest::newRow("decompression bomb") << "bomb" << none << "unpacks to more than 64 GiB" << alone;
         // Each harmless alone, the three used to write beside the target.
         QTest::newRow("three packages chaining links")
             << "chain-escape" << none << "would write through the link" << QStringList{"chain-link", "chain-up"};
         QTest::newRow("a folder where the target has a file")
-            << "folder-over-file" << none << "would replace a folder by a file" << QStringList();
-        QTest::newRow("unsigned, a key trusted") << "unsigned" << demo << "unsigned" << QStringList();
-        QTest::newRow("signed by a foreign key") << "foreign-signed" << demo << "untrusted key" << QStringList();
-        QTest::newRow("malformed signature") << "malformed-signature" << demo << "malformed signature" << QStringList();
-        QTest::newRow("PackageInfo changed after signing") << "tampered-info" << demo << changed << QStringList();
-        QTest::newRow("payload byte changed after signing") << "tampered-content" << demo << changed << QStringList();
-        QTest::newRow("name changed after signing") << "tampered-name" << demo << changed << QStringList();
-        QTest::newRow("mode changed after signing") << "tampered-mode" << demo << changed << QStringList();
-        QTest::newRow("link changed after signing") << "tampered-link" << demo << changed << QStringList();
-        QTest::newRow("entry added after signing") << "tampered-added" << demo << changed << QStringList();
-        QTest::newRow("entry removed after signing") << "tampered-removed" << demo << changed << QStringList();
-        QTest::newRow("key folder anyone may write to") << "signed" << "loose" << "writable by no one else" << QStringList();
+            << "folder-over-file" << none << "would replace a folder by a file" << alone;
+        QTest::newRow("unsigned, a key trusted") << "unsigned" << demo << "unsigned" << alone;
+        QTest::newRow("signed by a foreign key") << "foreign-signed" << demo << "untrusted key" << alone;
+        QTest::newRow("malformed signature") << "malformed-signature" << demo << "malformed signature" << alone;
+        QTest::newRow("PackageInfo changed after signing") << "tampered-info" << demo << changed << alone;
+        QTest::newRow("payload byte changed after signing") << "tampered-content" << demo << changed << alone;
+        QTest::newRow("name changed after signing") << "tampered-name" << demo << changed << alone;
+        QTest::newRow("mode changed after signing") << "tampered-mode" << demo << changed << alone;
+        QTest::newRow("link changed after signing") << "tampered-link" << demo << changed << alone;
+        QTest::newRow("entry added after signing") << "tampered-added" << demo << changed << alone;
+        QTest::newRow("entry removed after signing") << "tampered-removed" << demo << changed << alone;
+        QTest::newRow("key folder anyone may write to") << "signed" << "loose" << "writable by no one else" << alone;
     }
 
     // Refused before or during unpacking, never half-installed: the target
