@@ -540,7 +540,7 @@ private slots:
         QTest::addColumn<QString>("expected"); // the ExecStart line, or the reason it failed
         QTest::newRow("quotes, specifiers and variables escaped")
             << true << "" << 0u << 0 << "a \"b\" %n $HOME \\c.sock"
-            << "ExecStart=\"@HELPER@\" --socket \"@WORK@/a \\\"b\\\" %%n $$HOME \\\\c.sock\" --installer \"@INSTALLER@\"";
+            << "ExecStart=\"@HELPER@\" --socket \"@WORK@/a \\\"b\\\" %%n $$HOME \\\\c.sock\" --installer \"@WORK@/installer\"";
         QTest::newRow("a line break in a path") << true << "" << 0u << 0 << "a\nb.sock" << "a control character in a path";
         QTest::newRow("a program in a folder others can write")
             << true << "open" << 0u << 0777 << "s.sock" << "writable by others than root: @FOLDER@";
@@ -577,7 +577,6 @@ private slots:
                          + QStringList{helper, installer, work.filePath(socketName), label});
         QVERIFY(script.waitForFinished(10000));
         expected.replace(QLatin1String("@HELPER@"), QFileInfo(helper).canonicalFilePath())
-            .replace(QLatin1String("@INSTALLER@"), QFileInfo(installer).canonicalFilePath())
             .replace(QLatin1String("@WORK@"), QFileInfo(work.path()).canonicalFilePath())
             .replace(QLatin1String("@FOLDER@"), QFileInfo(folder).canonicalFilePath());
         const bool runs = expected.startsWith(QLatin1String("ExecStart="));
@@ -596,22 +595,21 @@ private slots:
         QTest::addColumn<int>("folderMode");
         QTest::addColumn<uint>("fileOwner");
         QTest::addColumn<int>("fileMode");
-        QTest::addColumn<QString>("via"); // "", "link" (owned by linkOwner), "hard link", "fifo"
-        QTest::addColumn<uint>("linkOwner");
+        QTest::addColumn<QString>("via"); // "", "link" (the user's), "their link", "hard link", "fifo"
         QTest::addColumn<bool>("runs");
         const uint me = kUser;
         const uint other = kOther;
-        QTest::newRow("the user's own package") << me << 0755 << me << 0644 << "" << 0u << true;
-        QTest::newRow("root's package") << 0u << 0755 << 0u << 0644 << "" << 0u << true;
-        QTest::newRow("the user's link to another disk") << me << 0755 << me << 0644 << "link" << me << true;
-        QTest::newRow("the user's package in a shared sticky folder") << 0u << 01777 << me << 0644 << "" << 0u << true;
-        QTest::newRow("planted by another user in a shared folder") << 0u << 01777 << other << 0644 << "" << 0u << false;
-        QTest::newRow("in another user's folder") << other << 0755 << me << 0644 << "" << 0u << false;
-        QTest::newRow("in a folder others can write") << me << 0777 << me << 0644 << "" << 0u << false;
-        QTest::newRow("a package others can write") << me << 0755 << me << 0666 << "" << 0u << false;
-        QTest::newRow("a package with a second name") << me << 0755 << me << 0644 << "hard link" << 0u << false;
-        QTest::newRow("another user's link on the way") << me << 0755 << me << 0644 << "link" << other << false;
-        QTest::newRow("a FIFO for a package") << me << 0755 << me << 0644 << "fifo" << 0u << false;
+        QTest::newRow("the user's own package") << me << 0755 << me << 0644 << "" << true;
+        QTest::newRow("root's package") << 0u << 0755 << 0u << 0644 << "" << true;
+        QTest::newRow("the user's link to another disk") << me << 0755 << me << 0644 << "link" << true;
+        QTest::newRow("the user's package in a shared sticky folder") << 0u << 01777 << me << 0644 << "" << true;
+        QTest::newRow("planted by another user in a shared folder") << 0u << 01777 << other << 0644 << "" << false;
+        QTest::newRow("in another user's folder") << other << 0755 << me << 0644 << "" << false;
+        QTest::newRow("in a folder others can write") << me << 0777 << me << 0644 << "" << false;
+        QTest::newRow("a package others can write") << me << 0755 << me << 0666 << "" << false;
+        QTest::newRow("a package with a second name") << me << 0755 << me << 0644 << "hard link" << false;
+        QTest::newRow("another user's link on the way") << me << 0755 << me << 0644 << "their link" << false;
+        QTest::newRow("a FIFO for a package") << me << 0755 << me << 0644 << "fifo" << false;
     }
 
     // The helper installs only a package that the asking user or root owns,
@@ -624,7 +622,6 @@ private slots:
         QFETCH(uint, fileOwner);
         QFETCH(int, fileMode);
         QFETCH(QString, via);
-        QFETCH(uint, linkOwner);
         QFETCH(bool, runs);
         QTemporaryDir arena(QStringLiteral("/tmp/vlum-arena-XXXXXX"));
         QVERIFY(QFile::setPermissions(arena.path(), QFile::permissions(arena.path()) | QFileDevice::ExeOther));
@@ -636,14 +633,13 @@ private slots:
         else
             QVERIFY(writeFile(package, "the package\n"));
         QVERIFY(setOwner(package, fileOwner, fileMode) && setOwner(folder, folderOwner, folderMode));
-        QString asked = package;
-        if (via == QLatin1String("link")) {
-            asked = arena.filePath(QStringLiteral("Downloads/p.pkg"));
-            QVERIFY(QFile::link(folder, arena.filePath(QStringLiteral("Downloads"))));
-            QVERIFY(setOwner(arena.filePath(QStringLiteral("Downloads")), linkOwner));
-        } else if (via == QLatin1String("hard link")) {
+        const bool linked = via == QLatin1String("link") || via == QLatin1String("their link");
+        const QString asked = linked ? arena.filePath(QStringLiteral("Downloads/p.pkg")) : package;
+        if (linked)
+            QVERIFY(QFile::link(folder, arena.filePath(QStringLiteral("Downloads")))
+                    && setOwner(arena.filePath(QStringLiteral("Downloads")), via == QLatin1String("link") ? kUser : kOther));
+        if (via == QLatin1String("hard link"))
             QCOMPARE(::link(QFile::encodeName(package).constData(), QFile::encodeName(package + ".2").constData()), 0);
-        }
         QByteArray output;
         const int status = runAs(kUser, {QStringLiteral("exec"), installer, asked}, &output);
         QCOMPARE(status, runs ? 0 : 1);
