@@ -1,12 +1,11 @@
 #pragma once
 
-// A real helper daemon, or the scripted test server, listening on a socket
-// in a temporary folder for as long as this object lives. Its log (the
-// copy of its system-log lines on standard error) goes to a file.
+// A real helper daemon, or the scripted one of the test client, listening on
+// a socket in a temporary folder for as long as this object lives. Its log
+// (the copy of its system-log lines on standard error) goes to a file.
 
 #include "DlrdConnection.h"
 
-#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -19,32 +18,20 @@ class HelperProcess
 public:
     ~HelperProcess() { Stop(SIGTERM); }
 
+    // `environment`: NAME=value entries added to this process's.
     bool Start(const QString& program, const QStringList& arguments, const QStringList& environment = {})
     {
-        if (!dir.isValid())
-            return false;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.remove(QStringLiteral("VLUM_HELPER_SOCKET"));
-        for (const QString& entry : environment) {
-            const int eq = entry.indexOf(QLatin1Char('='));
-            env.insert(entry.left(eq), entry.mid(eq + 1));
-        }
+        for (const QString& entry : environment)
+            env.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
         process.setProcessEnvironment(env);
         process.setStandardOutputFile(QProcess::nullDevice());
-        process.setStandardErrorFile(LogPath());
+        process.setStandardErrorFile(dir.filePath(QStringLiteral("helper.log")));
         process.start(program, arguments + QStringList{QStringLiteral("--socket"), SocketPath()});
-        if (!process.waitForStarted(5000))
-            return false;
-        QElapsedTimer clock;
-        clock.start();
-        while (clock.elapsed() < 5000) {
-            if (DlrdHelperAnswers(SocketPath()))
-                return true;
-            if (process.state() != QProcess::Running)
-                return false;
-            QTest::qWait(20);
-        }
-        return false;
+        return process.waitForStarted(5000)
+            && QTest::qWaitFor([this] { return DlrdHelperAnswers(SocketPath()) || !IsRunning(); }, 5000)
+            && DlrdHelperAnswers(SocketPath());
     }
 
     // True when it ended by itself, with status 0.
@@ -62,10 +49,9 @@ public:
 
     bool IsRunning() const { return process.state() == QProcess::Running; }
     QString SocketPath() const { return dir.filePath(QStringLiteral("helper.sock")); }
-    QString LogPath() const { return dir.filePath(QStringLiteral("helper.log")); }
     QString Log() const
     {
-        QFile file(LogPath());
+        QFile file(dir.filePath(QStringLiteral("helper.log")));
         file.open(QIODevice::ReadOnly);
         return QString::fromLocal8Bit(file.readAll());
     }

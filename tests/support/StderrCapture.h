@@ -3,8 +3,6 @@
 // Collects what this process writes to standard error while it lives:
 // system-log lines reach standard error through LOG_PERROR.
 
-#include <QByteArray>
-#include <QFile>
 #include <QTemporaryFile>
 
 #include <cstdio>
@@ -17,7 +15,6 @@ public:
     {
         file.open();
         std::fflush(stderr);
-        saved = ::dup(2);
         ::dup2(file.handle(), 2);
     }
     ~StderrCapture()
@@ -30,11 +27,10 @@ public:
     {
         std::fflush(stderr);
         QFile copy(file.fileName());
-        copy.open(QIODevice::ReadOnly);
-        return QString::fromLocal8Bit(copy.readAll());
+        return copy.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(copy.readAll()) : QString();
     }
 
 private:
+    const int saved = ::dup(2);
     QTemporaryFile file;
-    int saved = -1;
 };

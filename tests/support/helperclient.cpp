@@ -1,54 +1,36 @@
-// A client of the helper for tests that act as another user (run through
-// `setpriv --reuid`): one request, a connection flood, a connection that
-// never asks, or an open request raced against a folder swapped for a link.
+// The helper's other ends for the tests, on the real wire format: a client
+// run as another user (through `setpriv --reuid`), or a scripted server that
+// misbehaves in the ways the real helper never does on purpose.
 //
-//   helperclient <socket> exec <installer> <package>   output, or "refused: <why>" and exit 1
-//   helperclient <socket> open <path> <flags>          the file's bytes, or "refused" and exit 1
-//   helperclient <socket> hold <n> <seconds>           opens n connections, says how many
-//                                                      were answered, holds them
-//   helperclient <socket> silent <seconds>             "dropped" when the helper hangs up
-//                                                      on a connection that never asks
-//   helperclient <socket> race <dir> <count>           swaps <dir>/sub with <dir>/evil
-//                                                      while opening below it
+//   helperclient exec <installer> <package> --socket <path>  output, or "refused: <why>" and exit 1
+//   helperclient open <path> <flags> --socket <path>         the file's bytes, or "refused" and exit 1
+//   helperclient hold <n> <seconds> --socket <path>          opens n connections, says how many were
+//                                                            answered, holds them
+//   helperclient silent <seconds> --socket <path>            "dropped" when the helper hangs up on a
+//                                                            connection that never asks
+//   helperclient race <dir> <count> --socket <path>          swaps <dir>/sub with <dir>/evil while
+//                                                            opening below it
+//   helperclient serve <how> --socket <path>                 serves one connection at a time until
+//                                                            killed, misbehaving as serveOne says
 
 #include "DlrdWire.h"
+#include "HelperSocket.h"
 
-#include <QByteArray>
-#include <QList>
-
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
 const char* socketPath = nullptr;
 
-int connectHelper()
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socketPath, sizeof address.sun_path - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-        return -1;
-    return fd;
-}
-
 // The reply to one request, within five seconds; false when none came.
 bool ask(int fd, const DlrdMessage& request, DlrdMessage& reply)
 {
-    if (!DlrdSendMessage(fd, 1, request))
+    if (fd < 0 || !DlrdSendMessage(fd, 1, request))
         return false;
     DlrdFrameReader frames;
     for (;;) {
@@ -57,22 +39,9 @@ bool ask(int fd, const DlrdMessage& request, DlrdMessage& reply)
             return false;
         quint32 id = 0;
         const DlrdDecodeResult result = frames.Next(id, reply);
-        if (result == DlrdDecodeResult::Complete)
-            return true;
-        if (result == DlrdDecodeResult::Malformed)
-            return false;
+        if (result != DlrdDecodeResult::NeedMore)
+            return result == DlrdDecodeResult::Complete;
     }
-}
-
-QByteArray readAll(int fd)
-{
-    QByteArray bytes;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::read(fd, buffer, sizeof buffer)) > 0)
-        bytes.append(buffer, int(n));
-    ::close(fd);
-    return bytes;
 }
 
 // The bytes of the file the helper opened, or null when it refused.
@@ -84,40 +53,32 @@ QByteArray openThroughHelper(int connection, const QByteArray& path, int flags)
     request.SetInt64("fileoflag", flags);
     request.SetInt64("filemode", 0644);
     DlrdMessage reply;
-    if (!ask(connection, request, reply))
-        return QByteArray();
-    const int fd = reply.DupDescriptor("fd");
+    const int fd = ask(connection, request, reply) ? reply.DupDescriptor("fd") : -1;
     if (fd < 0)
         return QByteArray();
-    return (flags & O_ACCMODE) == O_WRONLY ? QByteArray("") : readAll(fd);
+    return (flags & O_ACCMODE) == O_WRONLY ? QByteArray("") : readToEnd(fd);
 }
 
 int exec(const char* installer, const char* package)
 {
-    const int connection = connectHelper();
     DlrdMessage request;
     request.SetInt64("message", 66003);
     request.SetStringArray("argv", {installer, "-verboseR", "-target", "/", "-package", package});
     DlrdMessage reply;
-    if (connection < 0 || !ask(connection, request, reply) || reply.Int64("childpid") < 1) {
+    if (!ask(connectTo(socketPath), request, reply) || reply.Int64("childpid") < 1) {
         const QByteArray* why = reply.String("execerror");
         std::printf("refused: %s\n", why ? why->constData() : "no reply");
         return 1;
     }
-    std::fputs(readAll(reply.DupDescriptor("fd")).constData(), stdout);
+    std::fputs(readToEnd(reply.DupDescriptor("fd")).constData(), stdout);
     return 0;
 }
 
 int open(const char* path, const char* flags)
 {
-    const int connection = connectHelper();
-    const QByteArray bytes = connection < 0 ? QByteArray() : openThroughHelper(connection, path, std::atoi(flags));
-    if (bytes.isNull()) {
-        std::puts("refused");
-        return 1;
-    }
-    std::fputs(bytes.constData(), stdout);
-    return 0;
+    const QByteArray bytes = openThroughHelper(connectTo(socketPath), path, std::atoi(flags));
+    std::fputs(bytes.isNull() ? "refused\n" : bytes.constData(), stdout);
+    return bytes.isNull() ? 1 : 0;
 }
 
 // Each connection asks for the version once, then stays open and idle.
@@ -127,24 +88,12 @@ int hold(int count, int seconds)
     DlrdMessage request;
     request.SetInt64("message", 66001);
     for (int i = 0; i < count; ++i) {
-        const int fd = connectHelper();
         DlrdMessage reply;
-        if (fd >= 0 && ask(fd, request, reply))
-            ++answered;
+        answered += ask(connectTo(socketPath), request, reply) ? 1 : 0;
     }
     std::printf("answered=%d refused=%d\n", answered, count - answered);
     std::fflush(stdout);
     ::sleep(unsigned(seconds));
-    return 0;
-}
-
-int silent(int seconds)
-{
-    const int fd = connectHelper();
-    pollfd p{fd, POLLIN, 0};
-    char byte;
-    const bool dropped = fd >= 0 && ::poll(&p, 1, seconds * 1000) == 1 && ::read(fd, &byte, 1) == 0;
-    std::puts(dropped ? "dropped" : "kept");
     return 0;
 }
 
@@ -163,20 +112,16 @@ int race(const char* dir, int count)
                 ::_exit(2);
         ::_exit(0);
     }
-    const int connection = connectHelper();
+    const int connection = connectTo(socketPath);
     int reads = 0;
     int secrets = 0;
-    int attempts = 0;
-    for (;;) {
+    for (int attempt = 0;; ++attempt) {
         int status = 0;
         const bool done = ::waitpid(swapper, &status, WNOHANG) == swapper;
-        const QByteArray file = sub + "/file";
-        const QByteArray got = openThroughHelper(connection, file, O_RDONLY);
-        if (!got.isNull())
-            ++reads;
-        if (got.contains("secret"))
-            ++secrets;
-        openThroughHelper(connection, sub + "/made-" + QByteArray::number(attempts++), O_WRONLY | O_CREAT | O_EXCL);
+        const QByteArray got = openThroughHelper(connection, sub + "/file", O_RDONLY);
+        reads += got.isNull() ? 0 : 1;
+        secrets += got.contains("secret") ? 1 : 0;
+        openThroughHelper(connection, sub + "/made-" + QByteArray::number(attempt), O_WRONLY | O_CREAT | O_EXCL);
         if (done) {
             std::printf("swaps=%d reads=%d secrets=%d\n", WIFEXITED(status) && WEXITSTATUS(status) == 0 ? count : -1,
                         reads, secrets);
@@ -185,23 +130,86 @@ int race(const char* dir, int count)
     }
 }
 
+// One connection of the scripted server. <how>: "late" (replies after 1.5
+// s), "pid0", "fail" or "fail-silent" (child pid -1, with or without a
+// reason), "no-fd", "drop-exec" (no reply to an execute request),
+// "terminate-exec" (announces its end instead), "die" (ends the process at
+// the second request), "no-build", "unsolicited" (a message after each
+// reply); anything else replies as the helper would.
+void serveOne(int fd, const QByteArray& how, int devnull)
+{
+    static int requests = 0;
+    DlrdFrameReader frames;
+    quint32 id;
+    DlrdMessage request;
+    while (frames.ReadAvailable(fd) == DlrdFrameReader::Ok) {
+        while (frames.Next(id, request) == DlrdDecodeResult::Complete) {
+            const qint64 code = request.Int64("message");
+            if (++requests == 2 && how == "die")
+                ::_exit(3);
+            if (code == 66003 && how == "drop-exec")
+                continue;
+            DlrdMessage reply;
+            if (code == 66003 && how == "terminate-exec") {
+                reply.SetString("event", "terminating");
+                DlrdSendMessage(fd, 0, reply);
+                return;
+            }
+            if (how == "late")
+                ::usleep(1500 * 1000);
+            if (code == 66001)
+                reply.SetInt64("apiversion", 7);
+            if (code == 66001 && how != "no-build")
+                reply.SetString("buildversion", "scripted");
+            if (code == 66003)
+                reply.SetInt64("childpid", how == "pid0" ? 0 : how.startsWith("fail") ? -1 : ::getpid());
+            if (code == 66003 && how != "fail-silent")
+                reply.SetString("execerror", "scripted failure");
+            if ((code == 66002 || code == 66003) && how != "no-fd")
+                reply.SetDescriptor("fd", devnull);
+            DlrdSendMessage(fd, id, reply);
+            if (how == "unsolicited") {
+                DlrdMessage event;
+                event.SetString("event", "surprise");
+                DlrdSendMessage(fd, 0, event);
+            }
+        }
+    }
+}
+
+int serve(const QByteArray& how)
+{
+    const sockaddr_un address = helperAddress(socketPath);
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || ::listen(listener, 8) != 0)
+        return 1;
+    const int devnull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (;;) {
+        const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        serveOne(fd, how, devnull);
+        ::close(fd);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc < 3)
+    // Every command ends with the socket, given as the helper takes it.
+    if (argc < 5 || std::strcmp(argv[argc - 2], "--socket") != 0)
         return 2;
-    socketPath = argv[1];
-    const QByteArray command = argv[2];
-    if (command == "exec" && argc == 5)
-        return exec(argv[3], argv[4]);
-    if (command == "open" && argc == 5)
-        return open(argv[3], argv[4]);
-    if (command == "hold" && argc == 5)
-        return hold(std::atoi(argv[3]), std::atoi(argv[4]));
-    if (command == "silent" && argc == 4)
-        return silent(std::atoi(argv[3]));
-    if (command == "race" && argc == 5)
-        return race(argv[3], std::atoi(argv[4]));
-    return 2;
+    socketPath = argv[argc - 1];
+    const QByteArray command = argv[1];
+    const bool two = argc == 6; // arguments between the command and the socket
+    if (command == "exec" && two)
+        return exec(argv[2], argv[3]);
+    if (command == "open" && two)
+        return open(argv[2], argv[3]);
+    if (command == "hold" && two)
+        return hold(std::atoi(argv[2]), std::atoi(argv[3]));
+    if (command == "race" && two)
+        return race(argv[2], std::atoi(argv[3]));
+    if (command == "silent")
+        return std::puts(hungUp(connectTo(socketPath), std::atoi(argv[2]) * 1000) ? "dropped" : "kept") < 0;
+    return command == "serve" ? serve(argv[2]) : 2;
 }
