@@ -43,14 +43,6 @@ const char* const kTwoOffers = R"(<?xml version="1.0"?>
 </Manifest>
 )";
 
-const QByteArray kServerManifest = R"(<Manifest>
-<ProductInfo><Name>Velluma-CoreServer-22.0.pkg</Name><BuildID>10</BuildID>
-<DownloadURL>@BASE@/packages/small.pkg</DownloadURL><FileSize>@SIZE:small.pkg@</FileSize></ProductInfo>
-<DLRSuccessURL>@BASE@/view/Install-Success</DLRSuccessURL>
-<ProductInfo><Name>Harrow-21.7.pkg</Name><BuildID>11</BuildID></ProductInfo>
-</Manifest>
-)";
-
 DlrManifestElement offer(const QString& name, const QUrl& url = QUrl(), qint64 size = 0)
 {
     DlrManifestElement element;
@@ -129,11 +121,9 @@ private slots:
     {
         std::signal(SIGXFSZ, SIG_IGN);
         QVERIFY(QDir().mkpath(downloads()));
-        server.writePackage(QStringLiteral("Product.pkg"), 300000);
+        server.serveOffers({{QStringLiteral("small.pkg"), 3000, {}}, {QStringLiteral("Product.pkg"), 300000, {}}});
         server.writePackage(QStringLiteral("Replaced.pkg"), 300000);
-        server.writePackage(QStringLiteral("small.pkg"), 3000);
         server.writePackage(QStringLiteral("Big.pkg"), 64 << 20);
-        server.writeCatalogFile(QStringLiteral("manifest.xml"), kServerManifest);
         server.setUsers({{QStringLiteral("a&amp;b"), QStringLiteral("p&w")}});
         QVERIFY(server.start());
         QSslConfiguration config = QSslConfiguration::defaultConfiguration();
@@ -204,7 +194,8 @@ private slots:
                  families);
 
         if (decimal.isEmpty())
-            QTest::ignoreMessage(QtDebugMsg, qPrintable(QStringLiteral("Product with no version \"%1\"").arg(element.matchName())));
+            QTest::ignoreMessage(QtDebugMsg,
+                                 qPrintable(QStringLiteral("Product with no version \"%1\"").arg(element.matchName())));
         QString text;
         QCOMPARE(element.GetVersion(text), decimal.isEmpty());
         QCOMPARE(text, decimal);
@@ -309,7 +300,7 @@ private slots:
         QTest::addColumn<QStringList>("offers");
         QTest::addColumn<QString>("details"); // the network error shown under the reason
 
-        const QStringList served{"Velluma-CoreServer-22.0.pkg", "Harrow-21.7.pkg"};
+        const QStringList served{"small.pkg", "Product.pkg"};
         const QStringList appended = served + QStringList{"Appended-1.0.pkg"};
         const QString unknown = QStringLiteral("Unknown manifest Validation");
         const QString timedOut = DlrNetworkError(QNetworkReply::TimeoutError);
@@ -333,7 +324,7 @@ private slots:
         // Broken XML is still dumped byte for byte, and the offers read before
         // the error stay, followed by the appended ones.
         QTest::newRow("malformed, dumped") << "validation=malformed" << "a&b" << "member" << "bad manifest reply"
-                                           << QStringList{served.first(), appended.last()} << "";
+                                           << QStringList{served.first(), "", appended.last()} << "";
         QTest::newRow("disk only, file missing") << "" << "a&b" << "disk" << "valid" << QStringList() << "";
     }
 
@@ -427,15 +418,15 @@ private slots:
         QFETCH(QString, informative);
         QFETCH(int, details);
         VendorServer other;
-        other.writeCatalogFile(QStringLiteral("manifest.xml"), kServerManifest);
+        other.serveOffers({{QStringLiteral("small.pkg"), 3000, {}}});
         other.setUsers({{QStringLiteral("a&amp;b"), QStringLiteral("p&w")}});
         QVERIFY(other.start({QStringLiteral("--tls"), mode, QStringLiteral("--bind"), host}));
         const QUrl url = other.url(QStringLiteral("forum/currentproducts.php"));
         DialogAnswerer user{QMessageBox::StandardButton(answer)};
 
         QCOMPARE(requestManifest(url), outcome);
-        QCOMPARE(user.texts, informative.isEmpty() ? QStringList()
-                                                   : QStringList{"There was issue with the SSL connection. Continue anyway?"});
+        const QStringList asked{"There was issue with the SSL connection. Continue anyway?"};
+        QCOMPARE(user.texts, informative.isEmpty() ? QStringList() : asked);
         QCOMPARE(user.informative.value(0), informative);
         QCOMPARE(user.details.value(0).split(QStringLiteral("---"), Qt::SkipEmptyParts).size(), details);
         QCOMPARE(dlrApp()->sslErrorsAccepted, outcome == QLatin1String("valid") && !informative.isEmpty());

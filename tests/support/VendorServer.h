@@ -106,21 +106,14 @@ public:
     bool start(const QStringList& options = {})
     {
         process.setProgram(QStringLiteral(VLUM_SOURCE_DIR "/tools/vendor-server"));
-        process.setArguments(QStringList{QStringLiteral("--catalog"), catalogDir.path(), QStringLiteral("--state"),
-                                         stateDir.path()}
-                             + options);
+        process.setArguments(QStringList{"--catalog", catalogDir.path(), "--state", stateDir.path()} + options);
         process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         process.start();
-        if (!process.waitForStarted(10000))
-            return false;
-        QByteArray line;
-        while (!line.endsWith('\n')) {
-            if (!process.waitForReadyRead(20000))
-                return false;
-            line += process.readLine();
-        }
-        const QRegularExpressionMatch ready = QRegularExpression(
-            QStringLiteral("^READY port=(\\d+) url=(\\S+) ca=(\\S+) log=(\\S+)")).match(QString::fromUtf8(line));
+        // Its first line says where it listens; a server that never says so fails here after 30 s.
+        for (int waited = 0; waited < 30 && !process.canReadLine() && process.state() != QProcess::NotRunning; ++waited)
+            process.waitForReadyRead(1000);
+        const QRegularExpressionMatch ready = QRegularExpression(QStringLiteral(
+            "^READY port=(\\d+) url=(\\S+) ca=(\\S+) log=(\\S+)")).match(QString::fromUtf8(process.readLine()));
         if (!ready.hasMatch())
             return false;
         port = ready.captured(1).toInt();
