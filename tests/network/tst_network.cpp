@@ -85,7 +85,6 @@ class TestNetwork : public QObject
     Q_OBJECT
 
     VendorServer server;
-    QTemporaryDir scratch;
     QList<DlrManifestElement>& manifest() { return dlrApp()->manifest; }
 
     // "valid", or the reason the request was refused.
@@ -129,9 +128,8 @@ private slots:
         QSslConfiguration config = QSslConfiguration::defaultConfiguration();
         config.addCaCertificates(server.caPath);
         QSslConfiguration::setDefaultConfiguration(config);
-        QFile appended(scratch.filePath(QStringLiteral("append.xml")));
-        QVERIFY(appended.open(QIODevice::WriteOnly));
-        appended.write("<M><ProductInfo><Name>Appended-1.0.pkg</Name></ProductInfo></M>");
+        server.writeCatalogFile(QStringLiteral("append.xml"),
+                                "<M><ProductInfo><Name>Appended-1.0.pkg</Name></ProductInfo></M>");
         QCOMPARE(dlrApp()->GetDownloadDir()->absolutePath(), downloads());
     }
 
@@ -337,13 +335,13 @@ private slots:
         QFETCH(QStringList, offers);
         QFETCH(QString, details);
 
-        const QString append = scratch.filePath(QStringLiteral("append.xml"));
+        const QString append = server.catalogPath(QStringLiteral("append.xml"));
         if (local == QLatin1String("environment"))
             qputenv("DLR_APPEND_MANIFEST_FILE", append.toLocal8Bit());
         else if (!local.isEmpty())
             dlrApp()->appendManifestFile = append;
         if (local == QLatin1String("disk"))
-            dlrApp()->alternateManifestFile = scratch.filePath(QStringLiteral("missing.xml"));
+            dlrApp()->alternateManifestFile = server.catalogPath(QStringLiteral("missing.xml"));
         const bool dump = query.contains(QLatin1String("malformed"));
         dlrApp()->dumpManifest = dump;
         // A new request starts from an empty list.
