@@ -59,13 +59,11 @@ public:
         QTemporaryDir payload;
         const QString product = payload.filePath(QStringLiteral("opt/Oktavo/") + folder);
         QFile readme(product + QStringLiteral("/README.txt"));
-        if (!QDir().mkpath(product) || !readme.open(QIODevice::WriteOnly))
+        if (!QDir().mkpath(product) || !readme.open(QIODevice::WriteOnly) || readme.write(folder.toUtf8() + '\n') < 0)
             return false;
-        readme.write(folder.toUtf8() + '\n');
         readme.close();
         return QProcess::execute(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-pkg"),
-                                 {QStringLiteral("--identifier"), QStringLiteral("com.oktavo.test"),
-                                  QStringLiteral("--version"), QStringLiteral("1.0"), payload.path(),
+                                 {"--identifier", "com.oktavo.test", "--version", "1.0", payload.path(),
                                   catalogPath(QStringLiteral("packages/") + name)})
             == 0;
     }
