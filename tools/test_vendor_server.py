@@ -49,16 +49,14 @@ class Server:
         return self
 
     def __exit__(self, *exc):
-        # A stop held up (by a stalled connection), or chatter, is a fault.
-        assert self.stop() == (0, ""), "unclean stop or chatter"
-
-    def stop(self):
+        # A stop held up (by a stalled connection), anything on stdout after the
+        # ready line, or anything on stderr at all, is a fault.
         self.proc.send_signal(signal.SIGTERM)
         rc = self.proc.wait(30)
         with self.proc.stdout, self.stderr:
             self.stderr.seek(0)
-            # Anything on stdout after the ready line, or on stderr at all, is a fault.
-            return rc, self.proc.stdout.read() + self.stderr.read().decode()
+            end = (rc, self.proc.stdout.read() + self.stderr.read().decode())
+        assert end == (0, ""), "unclean stop or chatter: %r" % (end,)
 
 
 def multipart(fields, boundary="b0undary"):
