@@ -50,6 +50,3 @@ class MakePkg(unittest.TestCase):
                 self.assertEqual(sorted(os.listdir(os.path.join(scratch, "out"))), ["folder.pkg"])
                 self.assertEqual(os.listdir(os.path.join(scratch, "ro")), [])
 
-
-if __name__ == "__main__":
-    unittest.main()

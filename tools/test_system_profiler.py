@@ -47,6 +47,3 @@ class SystemProfiler(unittest.TestCase):
                 self.assertTrue(re.fullmatch(stderr, err), err)
                 self.assertEqual("<string>Maya 2018 Core</string>" in out, case == "plain")
 
-
-if __name__ == "__main__":
-    unittest.main()

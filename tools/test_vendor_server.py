@@ -1,6 +1,6 @@
 """Runs the real vendor server as a child process and talks to it over sockets.
 python3 -m unittest tools/test_vendor_server.py"""
-import email.utils, http.client, json, os, re, select, signal, socket, ssl, subprocess, sys, tempfile, time, unittest
+import email.utils, http.client, json, os, re, select, signal, socket, ssl, subprocess, tempfile, unittest
 import xml.etree.ElementTree as ET
 
 SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vendor-server")
@@ -45,13 +45,18 @@ class Server:
             return http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
         return http.client.HTTPSConnection("127.0.0.1", self.port, timeout=30, context=self.context)
 
-    def stop(self):
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        # A stop held up (by a stalled connection), anything on stdout after the
+        # ready line, or anything on stderr at all, is a fault.
         self.proc.send_signal(signal.SIGTERM)
         rc = self.proc.wait(30)
         with self.proc.stdout, self.stderr:
             self.stderr.seek(0)
-            # Anything on stdout after the ready line, or on stderr at all, is a fault.
-            return rc, self.proc.stdout.read() + self.stderr.read().decode()
+            end = (rc, self.proc.stdout.read() + self.stderr.read().decode())
+        assert end == (0, ""), "unclean stop or chatter: %r" % (end,)
 
 
 def multipart(fields, boundary="b0undary"):
@@ -80,8 +85,7 @@ class TlsModes(unittest.TestCase):
                 "chain": {True: None, False: "self-signed certificate in certificate chain"},
                 "self": {False: "self-signed certificate"}}
         for mode, outcomes in rows.items():
-            server = Server("--tls", mode)
-            try:
+            with Server("--tls", mode) as server:
                 self.assertEqual(server.ca == "-", mode == "self", "ca= printed for the wrong modes")
                 for trusted, error in outcomes.items():
                     with self.subTest(mode=mode, trusted=trusted):
@@ -92,8 +96,6 @@ class TlsModes(unittest.TestCase):
                             self.assertIsNone(error, "handshake should have failed")
                         except ssl.SSLCertVerificationError as e:
                             self.assertEqual(e.verify_message, error)
-            finally:
-                self.assertEqual(server.stop(), (0, ""), "unclean stop or chatter")
             self.assertFalse(os.path.exists(os.path.dirname(server.log)), "temporary state left behind")
 
 
@@ -106,7 +108,7 @@ class Requests(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.conn.close()
-        assert cls.server.stop() == (0, ""), "unclean stop or chatter"
+        cls.server.__exit__()
 
     def test_validation_data(self):
         # Wrong outcome or header, a template not substituted, keep-alive broken by a bad length.
@@ -149,26 +151,24 @@ class Requests(unittest.TestCase):
 
     def test_package_faults_data(self):
         # Wrong length or content, a drop or pacing ignored, a way out of packages/.
-        rows = [("whole package", "/packages/one.pkg", 200, PACKAGE, 0),
-                ("drop after 1000 bytes", "/packages/one.pkg?drop_after=1000", 200, PACKAGE[:1000], 0),
-                # Lower bounds only: a busy machine may be slower, never faster.
-                ("throttled", "/packages/one.pkg?drop_after=20000&throttle=50000", 200, PACKAGE[:20000], 0.35),
-                ("delayed", "/packages/one.pkg?delay=0.4", 200, PACKAGE, 0.4),
-                ("forced status", "/packages/one.pkg?status=503", 503, None, 0),
-                ("escape by encoded slash", "/packages/..%2Fusers.json", 404, None, 0),
-                ("escape by dot-dot", "/packages/../users.json", 404, None, 0),
-                ("absent package", "/packages/absent.pkg", 404, None, 0),
+        # Pacing is measured in bench/, not here: these check what arrives.
+        rows = [("whole package", "/packages/one.pkg", 200, PACKAGE),
+                ("drop after 1000 bytes", "/packages/one.pkg?drop_after=1000", 200, PACKAGE[:1000]),
+                ("throttled", "/packages/one.pkg?drop_after=20000&throttle=50000", 200, PACKAGE[:20000]),
+                ("delayed", "/packages/one.pkg?delay=0.4", 200, PACKAGE),
+                ("forced status", "/packages/one.pkg?status=503", 503, None),
+                ("escape by encoded slash", "/packages/..%2Fusers.json", 404, None),
+                ("escape by dot-dot", "/packages/../users.json", 404, None),
+                ("absent package", "/packages/absent.pkg", 404, None),
                 # A flaky network: the first request is dropped, the second is whole.
-                ("flaky, first try", "/packages/one.pkg?drop_after=1000&fault_times=1", 200, PACKAGE[:1000], 0),
-                ("flaky, second try", "/packages/one.pkg?drop_after=1000&fault_times=1", 200, PACKAGE, 0),
-                ("bad fault count", "/packages/one.pkg?fault_times=x", 400, None, 0),
-                ("bad length switch", "/packages/one.pkg?no_length=yes", 400, None, 0),
-                ("bad stall", "/packages/one.pkg?stall_after=x", 400, None, 0)]
-        for name, url, status, content, at_least in rows:
+                ("flaky, first try", "/packages/one.pkg?drop_after=1000&fault_times=1", 200, PACKAGE[:1000]),
+                ("flaky, second try", "/packages/one.pkg?drop_after=1000&fault_times=1", 200, PACKAGE),
+                ("bad fault count", "/packages/one.pkg?fault_times=x", 400, None),
+                ("bad length switch", "/packages/one.pkg?no_length=yes", 400, None),
+                ("bad stall", "/packages/one.pkg?stall_after=x", 400, None)]
+        for name, url, status, content in rows:
             with self.subTest(name):
-                start = time.monotonic()
                 reply, got = fetch(self.server.connect(), "GET", url)
-                self.assertGreaterEqual(time.monotonic() - start, at_least)
                 self.assertEqual(reply.status, status)
                 if content is not None:
                     self.assertEqual(reply.getheader("Content-Length"), str(len(PACKAGE)))
@@ -230,8 +230,8 @@ class BodyEnds(unittest.TestCase):
             ("GET", "/packages/one.pkg?stall_after=5&fault_times=1", False, PACKAGE[:5], "stall"),
             ("GET", "/packages/one.pkg?stall_after=5&fault_times=1", True, PACKAGE, "close")]}
         for args, rows in servers.items():
-            server, held = Server(*args), []
-            try:
+            held = []
+            with Server(*args) as server:
                 for method, url, has_length, content, end in rows:
                     with self.subTest(args=args, url=url):
                         sock = socket.create_connection(("127.0.0.1", server.port), timeout=30)
@@ -255,33 +255,28 @@ class BodyEnds(unittest.TestCase):
                             how = "cut"
                         self.assertEqual((head[:12], body, how), (b"HTTP/1.1 200", content, end))
                         self.assertEqual(b"\r\ncontent-length:" in head.lower(), has_length)
-            finally:
-                self.assertEqual(server.stop(), (0, ""), "stop held up by a stalled connection")
-                for sock in held:
-                    sock.close()
+            for sock in held:
+                sock.close()
 
 
 class CommandLineSwitches(unittest.TestCase):
     def test_query_overrides_command_line(self):
         # Command-line switches ignored, a query that cannot override them, the plain-socket path.
-        server = Server("--http", "--drop-after", "10", "--validation", "bare-error")
         manifest = "/forum/currentproducts.php?drop_after="
-        base = b"http://127.0.0.1:%d/packages/one.pkg" % server.port
-        rows = [("GET", "/packages/one.pkg", {}, None, lambda body: body == PACKAGE[:10]),
-                ("GET", "/packages/one.pkg?drop_after=", {}, None, lambda body: body == PACKAGE),
-                ("GET", "/packages/one.pkg?drop_after=", {"Range": "bytes=299000-"}, None,
-                 lambda body: body == PACKAGE[299000:]),
-                ("POST", manifest, {}, "Error", lambda body: body == b""),
-                ("POST", manifest + "&validation=normal", {}, "Approved", lambda body: base in body)]
-        try:
+        with Server("--http", "--drop-after", "10", "--validation", "bare-error") as server:
+            base = b"http://127.0.0.1:%d/packages/one.pkg" % server.port
+            rows = [("GET", "/packages/one.pkg", {}, None, lambda body: body == PACKAGE[:10]),
+                    ("GET", "/packages/one.pkg?drop_after=", {}, None, lambda body: body == PACKAGE),
+                    ("GET", "/packages/one.pkg?drop_after=", {"Range": "bytes=299000-"}, None,
+                     lambda body: body == PACKAGE[299000:]),
+                    ("POST", manifest, {}, "Error", lambda body: body == b""),
+                    ("POST", manifest + "&validation=normal", {}, "Approved", lambda body: base in body)]
             for method, url, headers, validation, check in rows:
                 with self.subTest(url, **headers):
                     form, form_headers = multipart(GOOD)
                     reply, body = fetch(server.connect(), method, url, form, {**form_headers, **headers})
                     self.assertEqual(reply.getheader("Validation"), validation)
                     self.assertTrue(check(body), body[:200])
-        finally:
-            self.assertEqual(server.stop(), (0, ""))
 
 
 class DemoCatalog(unittest.TestCase):
@@ -290,21 +285,18 @@ class DemoCatalog(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             catalog = os.path.join(folder, "catalog")
             subprocess.run([MAKE_DEMO_CATALOG, catalog], check=True, stdout=subprocess.DEVNULL)
-            server = Server("--tls", "chain", catalog=catalog)
-            try:
+            with Server("--tls", "chain", catalog=catalog) as server:
                 reply, body = fetch(server.connect(), "POST", "/forum/currentproducts.php",
                                     *multipart([("platform", "osx"), ("username", "demo"), ("userpass", "velluma")]))
                 self.assertEqual(reply.getheader("Validation"), "Approved")
                 offers = ET.fromstring(body).findall("ProductInfo")
                 self.assertTrue(offers)
+                prefix = "https://127.0.0.1:%d/packages/" % server.port
                 for offer in offers:
                     with self.subTest(offer.findtext("Name")):
                         size = int(offer.findtext("FileSize"))
-                        self.assertGreater(size, 0)
                         url = offer.findtext("DownloadURL")
-                        prefix = "https://127.0.0.1:%d/packages/" % server.port
+                        self.assertGreater(size, 0)
                         self.assertTrue(url.startswith(prefix), url)
                         reply, package = fetch(server.connect(), "GET", url[len(prefix) - len("/packages/"):])
                         self.assertEqual((reply.status, len(package)), (200, size))
-            finally:
-                self.assertEqual(server.stop(), (0, ""))

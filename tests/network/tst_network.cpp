@@ -1,39 +1,82 @@
-// The manifest request and the TLS policy, against the real local vendor
-// server over HTTPS.
+// The wizard's server side against the real local vendor server over HTTPS:
+// the offers' rules and the manifest reader, the manifest request, TLS and
+// proxies, and the download engine with every way a download fails.
 
 #include "../support/DialogAnswerer.h"
+#include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
 
+#include "DlrHumanBytes.h"
+#include "DlrManifestHandler.h"
 #include "DlrNetworkError.h"
 
-#include <QAbstractButton>
-#include <QMessageBox>
-#include <QNetworkAccessManager>
-#include <QSslConfiguration>
 #include <QNetworkReply>
-#include <QProcess>
+#include <QRegExp>
 #include <QScopeGuard>
+#include <QSslConfiguration>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTimer>
+
+#include <algorithm>
+#include <csignal>
+#include <optional>
+#include <unistd.h>
 
 namespace {
 
-const QByteArray kServerManifest = R"(<Manifest>
-<ProductInfo><Name>Velluma-CoreServer-22.0.pkg</Name><BuildID>10</BuildID>
-<DownloadURL>@BASE@/packages/core.pkg</DownloadURL><FileSize>@SIZE:core.pkg@</FileSize></ProductInfo>
-<DLRSuccessURL>@BASE@/view/Install-Success</DLRSuccessURL>
-<ProductInfo><Name>Harrow-21.7.pkg</Name><BuildID>11</BuildID></ProductInfo>
+const char* const kTwoOffers = R"(<?xml version="1.0"?>
+<Manifest>
+  <ProductInfo>
+    <Name>Velluma-CoreServer-22.0b2.pkg</Name><BuildID>4321</BuildID><SimpleName>Velluma CoreServer 22.0</SimpleName>
+    <DownloadURL>https://127.0.0.1/packages/core.pkg</DownloadURL><FileSize>5000000000</FileSize>
+    <DefaultBehavior>automatic</DefaultBehavior><VersionMajor> 22 </VersionMajor><VersionMinor>0</VersionMinor>
+    <VersionBeta> b2 </VersionBeta><Extra>ignored</Extra>
+  </ProductInfo>
+  <DLRSuccessURL>https://example.test/first</DLRSuccessURL>
+  <ProductInfo>
+    <Name>Harrow-21.7.pkg</Name><BuildID>99</BuildID><SimpleName></SimpleName>
+    <DownloadURL>not a url at all</DownloadURL><FileSize>12abc</FileSize><DefaultBehavior>show</DefaultBehavior>
+    <VersionMajor>21</VersionMajor><VersionMinor>7</VersionMinor><VersionBeta></VersionBeta>
+    <DLRSuccessURL>https://example.test/second</DLRSuccessURL>
+  </ProductInfo>
 </Manifest>
 )";
 
-const QByteArray kAppendedManifest = "<M><ProductInfo><Name>Appended-1.0.pkg</Name></ProductInfo></M>";
+DlrManifestElement offer(const QString& name, const QUrl& url = QUrl(), qint64 size = 0)
+{
+    DlrManifestElement element;
+    element.Name = name;
+    element.DownloadURL = url;
+    element.FileSize = size;
+    return element;
+}
 
-struct Outcome {
-    bool valid = false;
-    QString reason;
-};
+// An offer's fields as the reader left them, in one text.
+QString fields(const DlrManifestElement& e)
+{
+    return QStringList{e.Name, e.BuildID, e.SimpleName, e.DownloadURL.toString(), QString::number(e.FileSize),
+                       e.DefaultBehavior, e.version.major, e.version.minor, e.version.beta}
+        .join('|');
+}
+
+QString downloads()
+{
+    return QDir::homePath() + QStringLiteral("/Downloads");
+}
+
+QByteArray contents(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+quint16 freePort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost);
+    return probe.serverPort();
+}
 
 } // namespace
 
@@ -42,47 +85,52 @@ class TestNetwork : public QObject
     Q_OBJECT
 
     VendorServer server;
-    QTemporaryDir appendDir;
+    QList<DlrManifestElement>& manifest() { return dlrApp()->manifest; }
 
-    Outcome requestManifest(const QUrl& url, const QString& user = QStringLiteral("demo"),
-                            const QString& pass = QStringLiteral("velluma"))
+    // "valid", or the reason the request was refused.
+    QString requestManifest(const QUrl& url, const QString& user = QStringLiteral("a&b"))
     {
         QSignalSpy valid(dlrApp(), &DlrApp::validManifestReply);
         QSignalSpy invalid(dlrApp(), &DlrApp::invalidManifestReply);
-        dlrApp()->RequestManifest(url, user, pass, QStringLiteral("osx"));
+        dlrApp()->RequestManifest(url, user, QStringLiteral("p&w"), QStringLiteral("osx"));
         [&] { QTRY_VERIFY_WITH_TIMEOUT(valid.count() + invalid.count() > 0, 20000); }();
-        Outcome outcome;
-        outcome.valid = !valid.isEmpty();
-        if (!invalid.isEmpty())
-            outcome.reason = invalid.first().first().toString();
-        return outcome;
+        return invalid.isEmpty() ? QStringLiteral("valid") : invalid.first().first().toString();
     }
 
-    QUrl manifestUrl(VendorServer& on, const QString& query = QString()) const
+    // Runs the first offer's download to its end: the failure reason, or
+    // empty when it finished; adds the bytes that arrived to `received`.
+    QString download(qint64* received = nullptr)
     {
-        return on.url(QStringLiteral("forum/currentproducts.php") + (query.isEmpty() ? QString() : "?" + query));
-    }
-
-    static void trust(const QString& caPath)
-    {
-        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
-        config.addCaCertificates(caPath);
-        QSslConfiguration::setDefaultConfiguration(config);
+        QSignalSpy finished(dlrApp(), qOverload<int>(&DlrApp::finishedDownload));
+        QSignalSpy failed(dlrApp(), &DlrApp::failedDownload);
+        QNetworkReply* reply = dlrApp()->DownloadProduct(0);
+        if (!reply)
+            return QStringLiteral("not started");
+        QSignalSpy progress(reply, &QNetworkReply::downloadProgress);
+        [&] { QTRY_VERIFY_WITH_TIMEOUT(finished.count() + failed.count() > 0, 60000); }();
+        if (received && !progress.isEmpty())
+            *received += progress.last().first().toLongLong();
+        if (!failed.isEmpty())
+            return failed.first().first().toString();
+        return finished.first().first().toInt() == 0 ? QString() : QStringLiteral("wrong index");
     }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY(QDir().mkpath(QDir::homePath() + QStringLiteral("/Downloads")));
-        server.writePackage(QStringLiteral("core.pkg"), 3000);
-        server.writeCatalogFile(QStringLiteral("manifest.xml"), kServerManifest);
-        server.setUsers({{QStringLiteral("demo"), QStringLiteral("velluma")},
-                         {QStringLiteral("a&amp;b"), QStringLiteral("a&b")}});
+        std::signal(SIGXFSZ, SIG_IGN);
+        QVERIFY(QDir().mkpath(downloads()));
+        server.serveOffers({{QStringLiteral("small.pkg"), 3000, {}}, {QStringLiteral("Product.pkg"), 300000, {}}});
+        server.writePackage(QStringLiteral("Replaced.pkg"), 300000);
+        server.writePackage(QStringLiteral("Big.pkg"), 64 << 20);
+        server.setUsers({{QStringLiteral("a&amp;b"), QStringLiteral("p&w")}});
         QVERIFY(server.start());
-        trust(server.caPath);
-        QFile appended(appendDir.filePath(QStringLiteral("append.xml")));
-        QVERIFY(appended.open(QIODevice::WriteOnly));
-        appended.write(kAppendedManifest);
+        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+        config.addCaCertificates(server.caPath);
+        QSslConfiguration::setDefaultConfiguration(config);
+        server.writeCatalogFile(QStringLiteral("append.xml"),
+                                "<M><ProductInfo><Name>Appended-1.0.pkg</Name></ProductInfo></M>");
+        QCOMPARE(dlrApp()->GetDownloadDir()->absolutePath(), downloads());
     }
 
     void init()
@@ -92,157 +140,301 @@ private slots:
         app->appendManifestFile.clear();
         app->alternateManifestFile.clear();
         app->sslErrorsAccepted = false;
+        // Where the server falls silent, 2 s without data is enough to give up.
+        app->transferTimeout = QByteArray(QTest::currentDataTag()).startsWith("silent") ? 2 : 30;
         qunsetenv("DLR_APPEND_MANIFEST_FILE");
         if (app->networkManager)
             app->networkManager->clearConnectionCache();
+        manifest().clear();
+        QDir dir(downloads());
+        for (const QString& name : dir.entryList(QDir::Files))
+            dir.remove(name);
     }
 
-    // What the server saw: three parts in order, one header each, the user
-    // name escaped and the password as typed.
-    void multipartOnTheWire()
+    void offerRules_data()
     {
-        const int before = server.requests().size();
-        QVERIFY(requestManifest(manifestUrl(server), QStringLiteral("a&b"), QStringLiteral("a&b")).valid);
-        const QList<QJsonObject> requests = server.requests();
-        QCOMPARE(requests.size(), before + 1);
-        const QJsonObject request = requests.last();
-        QCOMPARE(request.value("method").toString(), QStringLiteral("POST"));
-        QCOMPARE(request.value("path").toString(), QStringLiteral("/forum/currentproducts.php"));
-        const QJsonArray parts = request.value("parts").toArray();
-        QCOMPARE(parts.size(), 3);
-        const QStringList names{"platform", "username", "userpass"};
-        const QStringList bodies{"osx", "a&amp;b", "a&b"};
-        for (int i = 0; i < 3; ++i) {
-            const QJsonObject part = parts.at(i).toObject();
-            QCOMPARE(part.value("headers").toString().trimmed(),
-                     QStringLiteral("Content-Disposition: form-data; name=\"%1\"").arg(names.at(i)));
-            QCOMPARE(part.value("body").toString(), bodies.at(i));
-        }
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("simpleName");
+        QTest::addColumn<QStringList>("given");    // the manifest's VersionMajor and VersionBeta
+        QTest::addColumn<QString>("families");     // C core, M for Maya, W workshop, H harrow
+        QTest::addColumn<QString>("decimal");      // empty: no version
+        QTest::addColumn<QString>("structured");   // major.minor and beta; empty: none
+
+        QTest::newRow("simple name hides name") << "Velluma for Maya" << "Velluma Workshop" << QStringList() << ""
+                                                << "" << "";
+        QTest::newRow("workshop for maya is both") << "Velluma Workshop for Maya 2020" << "" << QStringList() << "MW"
+                                                   << "" << "";
+        QTest::newRow("case-sensitive") << "harrow coreserver" << "" << QStringList() << "" << "" << "";
+        QTest::newRow("core and harrow") << "CoreServer with Harrow" << "" << QStringList() << "CH" << "" << "";
+        QTest::newRow("leftmost wins, no dash") << "Product 21.7 and 22.0" << "" << QStringList() << "" << "21.7" << "";
+        QTest::newRow("one digit major") << "Product 9.5" << "" << QStringList() << "" << "" << "";
+        QTest::newRow("three digit major") << "Product 100.5" << "" << QStringList() << "" << "" << "";
+        QTest::newRow("long minor") << "Product-21.10.pkg" << "" << QStringList() << "" << "21.10" << "21.10";
+        QTest::newRow("beta from name") << "Product-22.0b2.pkg" << "" << QStringList() << "" << "22.0" << "22.0b2";
+        QTest::newRow("beta kept when name has none") << "Product-21.7.pkg" << "" << QStringList{"", "b9"} << ""
+                                                      << "21.7" << "21.7b9";
+        QTest::newRow("name replaces a lone major") << "Product-21.7.pkg" << "" << QStringList{"30"} << "" << "21.7"
+                                                    << "21.7";
     }
 
-    void validation_data()
+    void offerRules()
     {
-        QTest::addColumn<QString>("query");
+        QFETCH(QString, name);
+        QFETCH(QString, simpleName);
+        QFETCH(QStringList, given);
+        QFETCH(QString, families);
+        QFETCH(QString, decimal);
+        QFETCH(QString, structured);
+        DlrManifestElement element = offer(name);
+        element.SimpleName = simpleName;
+        QCOMPARE(QString(element.GetIsCoreServer() ? "C" : "") + (element.GetIsVellumaForMaya() ? "M" : "")
+                     + (element.GetIsVWSForMaya() ? "W" : "") + (element.GetIsHarrow() ? "H" : ""),
+                 families);
+
+        if (decimal.isEmpty())
+            QTest::ignoreMessage(QtDebugMsg,
+                                 qPrintable(QStringLiteral("Product with no version \"%1\"").arg(element.matchName())));
+        QString text;
+        QCOMPARE(element.GetVersion(text), decimal.isEmpty());
+        QCOMPARE(text, decimal);
+
+        element.version.major = given.value(0);
+        element.version.beta = given.value(1);
+        const DlrManifestElement::VersionStruct& version = element.GetVersion();
+        QCOMPARE(version.major.isNull() ? QString() : version.major + '.' + version.minor + version.beta, structured);
+        // Once known, the version is not read from the name again.
+        element.Name = QStringLiteral("Other-30.1.pkg");
+        const DlrManifestElement::VersionStruct major = element.GetMajorVersion();
+        if (!structured.isEmpty())
+            QCOMPARE(major.major + '.' + major.minor + major.beta, structured.section('.', 0, 0) + ".0");
+    }
+
+    void highestVersion_data()
+    {
+        QTest::addColumn<QStringList>("names");
+        QTest::addColumn<int>("expected");
+
+        QTest::newRow("first of equal highest") << QStringList{"Tool 21.7", "Tool 22.0", "Tool 22.0"} << 1;
+        QTest::newRow("compared as numbers") << QStringList{"Tool 21.10", "Tool 21.7"} << 1;
+        QTest::newRow("other products and no version skipped")
+            << QStringList{"Other 30.0", "Tool", "Tool 12.5"} << 2;
+        QTest::newRow("empty list") << QStringList() << -1;
+    }
+
+    void highestVersion()
+    {
+        QFETCH(QStringList, names);
+        QFETCH(int, expected);
+        QList<DlrManifestElement> offers;
+        for (const QString& name : names)
+            offers << offer(name);
+        QRegExp tool(QStringLiteral("Tool"));
+        if (names.contains(QStringLiteral("Tool")))
+            QTest::ignoreMessage(QtDebugMsg, "Product with no version \"Tool\"");
+        QCOMPARE(DlrManifestElement::FindHighestVersionOfProduct(offers, tool), expected);
+    }
+
+    void reader_data()
+    {
+        QTest::addColumn<QByteArray>("document");
+        QTest::addColumn<bool>("parsed");
+        QTest::addColumn<QStringList>("offers"); // as fields() gives them
+        QTest::addColumn<QString>("success");    // the success page afterwards
+        QTest::addColumn<QString>("debugLine");
+
+        const QString kept = QStringLiteral("https://example.test/kept");
+        // An empty element takes the white space up to the next tag.
+        QTest::newRow("two offers")
+            << QByteArray(kTwoOffers) << true
+            << QStringList{"Velluma-CoreServer-22.0b2.pkg|4321|Velluma CoreServer 22.0|https://127.0.0.1/packages/"
+                           "core.pkg|5000000000|automatic| 22 |0|b2",
+                           "Harrow-21.7.pkg|99|\n    |not a url at all|0|show|21|7|"}
+            << "https://example.test/second" << "";
+        QTest::newRow("no offers") << QByteArray("<Manifest><Other>text</Other></Manifest>") << true << QStringList()
+                                   << kept << "";
+        QTest::newRow("success page before offers")
+            << QByteArray("<M><DLRSuccessURL>https://example.test/early</DLRSuccessURL>"
+                          "<ProductInfo><Name>A</Name></ProductInfo></M>")
+            << true << QStringList{"A||||0||||"} << kept << "";
+        QTest::newRow("field before offers")
+            << QByteArray("<M><Name>A</Name><ProductInfo><Name>B</Name></ProductInfo></M>") << false << QStringList()
+            << kept << "Unexpected empty manifest cdata found";
+        QTest::newRow("malformed keeps what was read")
+            << QByteArray("<M><ProductInfo><Name>A</Name></ProductInfo><ProductInfo><Name>B</Nam") << false
+            << QStringList{"A||||0||||", "B||||0||||"} << kept << "";
+        QTest::newRow("not xml") << QByteArray("\x01\x02 binary garbage") << false << QStringList() << kept << "";
+        // Refused before Qt's reader runs out of stack.
+        QTest::newRow("nested past the limit")
+            << "<M><ProductInfo><Name>A</Name></ProductInfo>" + QByteArray("<a>").repeated(100000) << false
+            << QStringList{"A||||0||||"} << kept << "Manifest nested deeper than 256 elements";
+    }
+
+    void reader()
+    {
+        QFETCH(QByteArray, document);
+        QFETCH(bool, parsed);
+        QFETCH(QStringList, offers);
+        QFETCH(QString, success);
+        QFETCH(QString, debugLine);
+        if (!debugLine.isEmpty())
+            QTest::ignoreMessage(QtDebugMsg, qPrintable(debugLine));
+        if (!parsed)
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Fatal error on line \\d+ , column \\d+ : \".+\"$"));
+        dlrApp()->successURL = QUrl(QStringLiteral("https://example.test/kept"));
+        QCOMPARE(DlrManifestHandler::Parse(manifest(), document), parsed);
+        QStringList read;
+        for (const DlrManifestElement& element : manifest())
+            read << fields(element);
+        QCOMPARE(read, offers);
+        QCOMPARE(dlrApp()->successURL, QUrl(success));
+    }
+
+    void manifestRequest_data()
+    {
+        QTest::addColumn<QString>("query"); // the server's switches; "refused": a closed port
         QTest::addColumn<QString>("user");
-        QTest::addColumn<bool>("valid");
-        QTest::addColumn<QString>("reason");
-        QTest::addColumn<int>("offers");
+        QTest::addColumn<QString>("local"); // the appended file as member or environment, or the disk only
+        QTest::addColumn<QString>("outcome");
+        QTest::addColumn<QStringList>("offers");
         QTest::addColumn<QString>("details"); // the network error shown under the reason
 
+        const QStringList served{"small.pkg", "Product.pkg"};
+        const QStringList appended = served + QStringList{"Appended-1.0.pkg"};
+        const QString unknown = QStringLiteral("Unknown manifest Validation");
         const QString timedOut = DlrNetworkError(QNetworkReply::TimeoutError);
-        QTest::newRow("approved") << "" << "demo" << true << "" << 2 << "";
-        QTest::newRow("approved is a prefix") << "validation=approved-xyz" << "demo" << true << "" << 2 << "";
-        QTest::newRow("refused with a reason") << "" << "nobody" << false << "Account not found" << 0 << "";
-        QTest::newRow("bare error") << "validation=bare-error" << "demo" << false << "Manifest request denied" << 0
-                                    << "";
-        QTest::newRow("no header") << "validation=missing" << "demo" << false << "Unknown manifest Validation" << 0
-                                   << "";
+        QTest::newRow("approved") << "" << "a&b" << "" << "valid" << served << "";
+        QTest::newRow("approved is a prefix") << "validation=approved-xyz" << "a&b" << "" << "valid" << served << "";
+        QTest::newRow("refused with a reason") << "" << "nobody" << "" << "Account not found" << QStringList() << "";
+        QTest::newRow("bare error") << "validation=bare-error" << "a&b" << "" << "Manifest request denied"
+                                    << QStringList() << "";
+        QTest::newRow("no header") << "validation=missing" << "a&b" << "" << unknown << QStringList() << "";
         QTest::newRow("server error status, no header")
-            << "status=500" << "demo" << false << "Unknown manifest Validation" << 0
+            << "status=500" << "a&b" << "" << unknown << QStringList()
             << DlrNetworkError(QNetworkReply::InternalServerError);
-        QTest::newRow("silent before the headers")
-            << "delay=10" << "demo" << false << "Unknown manifest Validation" << 0 << timedOut;
+        QTest::newRow("silent before the headers") << "delay=10" << "a&b" << "" << unknown << QStringList() << timedOut;
         QTest::newRow("silent after the headers")
-            << "stall_after=0" << "demo" << false << "bad manifest reply" << 0 << timedOut;
+            << "stall_after=0" << "a&b" << "" << "bad manifest reply" << QStringList() << timedOut;
+        QTest::newRow("connection refused") << "refused" << "a&b" << "" << unknown << QStringList()
+                                            << DlrNetworkError(QNetworkReply::ConnectionRefusedError);
+        QTest::newRow("appended file") << "" << "a&b" << "member" << "valid" << appended << "";
+        QTest::newRow("appended file from the environment") << "" << "a&b" << "environment" << "valid" << appended
+                                                            << "";
+        // Broken XML is still dumped byte for byte, and the offers read before
+        // the error stay, followed by the appended ones.
+        QTest::newRow("malformed, dumped") << "validation=malformed" << "a&b" << "member" << "bad manifest reply"
+                                           << QStringList{served.first(), "", appended.last()} << "";
+        QTest::newRow("disk only, file missing") << "" << "a&b" << "disk" << "valid" << QStringList() << "";
     }
 
-    void validation()
+    void manifestRequest()
     {
         QFETCH(QString, query);
         QFETCH(QString, user);
-        QFETCH(bool, valid);
-        QFETCH(QString, reason);
-        QFETCH(int, offers);
+        QFETCH(QString, local);
+        QFETCH(QString, outcome);
+        QFETCH(QStringList, offers);
         QFETCH(QString, details);
 
+        const QString append = server.catalogPath(QStringLiteral("append.xml"));
+        if (local == QLatin1String("environment"))
+            qputenv("DLR_APPEND_MANIFEST_FILE", append.toLocal8Bit());
+        else if (!local.isEmpty())
+            dlrApp()->appendManifestFile = append;
+        if (local == QLatin1String("disk"))
+            dlrApp()->alternateManifestFile = server.catalogPath(QStringLiteral("missing.xml"));
+        const bool dump = query.contains(QLatin1String("malformed"));
+        dlrApp()->dumpManifest = dump;
         // A new request starts from an empty list.
-        dlrApp()->manifest.append(DlrManifestElement());
-        dlrApp()->transferTimeout = 2;
-        const auto restore = qScopeGuard([] { dlrApp()->transferTimeout = 30; });
-        const Outcome outcome = requestManifest(manifestUrl(server, query), user);
-        QCOMPARE(outcome.valid, valid);
-        QCOMPARE(outcome.reason, reason);
+        manifest().append(DlrManifestElement());
+        const QUrl url = query == QLatin1String("refused")
+            ? QUrl(QStringLiteral("https://127.0.0.1:%1/m").arg(freePort()))
+            : server.url(QStringLiteral("forum/currentproducts.php?") + query);
+        const int before = server.requests().size();
+
+        QCOMPARE(requestManifest(url, user), outcome);
         QCOMPARE(dlrApp()->manifestNetworkError, details);
-        QCOMPARE(dlrApp()->manifest.size(), offers);
+        QStringList names;
+        for (const DlrManifestElement& element : manifest())
+            names << element.Name;
+        QCOMPARE(names, offers);
         QVERIFY(!dlrApp()->manifestReply);
-        if (valid) {
-            QCOMPARE(dlrApp()->manifest.first().DownloadURL, server.url(QStringLiteral("packages/core.pkg")));
-            QCOMPARE(dlrApp()->manifest.first().FileSize, Q_INT64_C(3000));
-            QCOMPARE(dlrApp()->successURL, server.url(QStringLiteral("view/Install-Success")));
+
+        // What the server saw: three parts in order, one header each, the user
+        // name escaped and the password as typed; nothing for the disk only.
+        const QList<QJsonObject> requests = server.requests();
+        const bool sent = query != QLatin1String("refused") && local != QLatin1String("disk");
+        QCOMPARE(requests.size(), before + int(sent));
+        if (sent) {
+            QStringList parts;
+            for (const QJsonValue part : requests.last().value("parts").toArray())
+                parts << part["headers"].toString().trimmed() + " | " + part["body"].toString();
+            const QString header = QStringLiteral("Content-Disposition: form-data; name=\"%1\" | %2");
+            QCOMPARE(parts, (QStringList{header.arg("platform", "osx"),
+                                         header.arg("username", QString(user).replace("&", "&amp;")),
+                                         header.arg("userpass", "p&w")}));
+        }
+        if (dump) {
+            QProcess curl;
+            curl.start(QStringLiteral("curl"), {"-s", "--cacert", server.caPath, "--form-string", "platform=osx",
+                                                "--form-string", "username=a&amp;b", "--form-string", "userpass=p&w",
+                                                url.toString()});
+            QVERIFY(curl.waitForFinished(20000));
+            QCOMPARE(contents(dlrApp()->GetDownloadDir()->filePath(QStringLiteral("manifest.xml"))),
+                     curl.readAllStandardOutput());
         }
     }
 
-    void connectionRefused()
-    {
-        QTcpServer closed;
-        QVERIFY(closed.listen(QHostAddress::LocalHost));
-        const quint16 port = closed.serverPort();
-        closed.close();
-        const Outcome outcome = requestManifest(QUrl(QStringLiteral("https://127.0.0.1:%1/m").arg(port)));
-        QCOMPARE(outcome.reason, QStringLiteral("Unknown manifest Validation"));
-    }
-
-    void appendedManifest_data()
-    {
-        QTest::addColumn<bool>("fromEnvironment");
-        QTest::newRow("member") << false;
-        QTest::newRow("environment") << true;
-    }
-
-    void appendedManifest()
-    {
-        QFETCH(bool, fromEnvironment);
-        const QString path = appendDir.filePath(QStringLiteral("append.xml"));
-        if (fromEnvironment)
-            qputenv("DLR_APPEND_MANIFEST_FILE", path.toLocal8Bit());
-        else
-            dlrApp()->appendManifestFile = path;
-        QVERIFY(requestManifest(manifestUrl(server)).valid);
-        const QList<DlrManifestElement>& offers = dlrApp()->manifest;
-        QCOMPARE(offers.size(), 3);
-        QCOMPARE(offers.at(0).Name, QStringLiteral("Velluma-CoreServer-22.0.pkg"));
-        QCOMPARE(offers.at(2).Name, QStringLiteral("Appended-1.0.pkg"));
-        QCOMPARE(dlrApp()->appendManifestFile, path);
-    }
-
-    // Broken XML is still dumped byte for byte, and the offers read before
-    // the error stay, followed by the appended ones.
-    void brokenManifestIsDumped()
-    {
-        dlrApp()->dumpManifest = true;
-        dlrApp()->appendManifestFile = appendDir.filePath(QStringLiteral("append.xml"));
-        const QString dumpPath = dlrApp()->GetDownloadDir()->filePath(QStringLiteral("manifest.xml"));
-        QFile::remove(dumpPath);
-        const Outcome outcome = requestManifest(manifestUrl(server, QStringLiteral("validation=malformed")));
-        QCOMPARE(outcome.reason, QStringLiteral("bad manifest reply"));
-        QVERIFY(!dlrApp()->manifest.isEmpty());
-        QCOMPARE(dlrApp()->manifest.last().Name, QStringLiteral("Appended-1.0.pkg"));
-
-        QProcess curl;
-        curl.start(QStringLiteral("curl"),
-                   {"-s", "--cacert", server.caPath, "-F", "platform=osx", "-F", "username=demo", "-F",
-                    "userpass=velluma", manifestUrl(server, QStringLiteral("validation=malformed")).toString()});
-        QVERIFY(curl.waitForFinished(20000));
-        const QByteArray sent = curl.readAllStandardOutput();
-        QVERIFY(!sent.isEmpty());
-        QFile dump(dumpPath);
-        QVERIFY(dump.open(QIODevice::ReadOnly));
-        QCOMPARE(dump.readAll(), sent);
-    }
-
-    void diskOnlyManifest()
-    {
-        const int before = server.requests().size();
-        dlrApp()->alternateManifestFile = appendDir.filePath(QStringLiteral("missing.xml"));
-        dlrApp()->appendManifestFile = appendDir.filePath(QStringLiteral("append.xml"));
-        const Outcome outcome = requestManifest(manifestUrl(server));
-        QVERIFY(outcome.valid);
-        QVERIFY(dlrApp()->manifest.isEmpty());
-        QCOMPARE(server.requests().size(), before);
-    }
-
     // A lone self-signed root in the chain passes silently; anything else
-    // asks, and only OK is remembered.
+    // asks, only OK is remembered, and several problems make one box with
+    // the details joined by "---".
+    void tls_data()
+    {
+        QTest::addColumn<QString>("mode"); // the server's certificates
+        QTest::addColumn<QString>("host"); // 127.0.0.2 is not a name the certificates carry
+        QTest::addColumn<int>("answer");
+        QTest::addColumn<QString>("outcome");
+        QTest::addColumn<QString>("informative");
+        QTest::addColumn<int>("details");
+
+        const int ok = QMessageBox::Ok;
+        const int cancel = QMessageBox::Cancel;
+        const QString selfSigned = QStringLiteral("The certificate is self-signed, and untrusted");
+        QTest::newRow("root in the chain") << "chain" << "127.0.0.1" << ok << "valid" << "" << 0;
+        QTest::newRow("self-signed, refused") << "self" << "127.0.0.1" << cancel << "Unknown manifest Validation"
+                                              << selfSigned << 0;
+        QTest::newRow("self-signed, accepted for good") << "self" << "127.0.0.1" << ok << "valid" << selfSigned << 0;
+        QTest::newRow("self-signed, another name") << "self" << "127.0.0.2" << cancel << "Unknown manifest Validation"
+                                                   << "There were multiple issues with the SSL connection" << 2;
+    }
+
+    void tls()
+    {
+        QFETCH(QString, mode);
+        QFETCH(QString, host);
+        QFETCH(int, answer);
+        QFETCH(QString, outcome);
+        QFETCH(QString, informative);
+        QFETCH(int, details);
+        VendorServer other;
+        other.serveOffers({{QStringLiteral("small.pkg"), 3000, {}}});
+        other.setUsers({{QStringLiteral("a&amp;b"), QStringLiteral("p&w")}});
+        QVERIFY(other.start({QStringLiteral("--tls"), mode, QStringLiteral("--bind"), host}));
+        const QUrl url = other.url(QStringLiteral("forum/currentproducts.php"));
+        DialogAnswerer user{QMessageBox::StandardButton(answer)};
+
+        QCOMPARE(requestManifest(url), outcome);
+        const QStringList asked{"There was issue with the SSL connection. Continue anyway?"};
+        QCOMPARE(user.texts, informative.isEmpty() ? QStringList() : asked);
+        QCOMPARE(user.informative.value(0), informative);
+        QCOMPARE(user.details.value(0).split(QStringLiteral("---"), Qt::SkipEmptyParts).size(), details);
+        QCOMPARE(dlrApp()->sslErrorsAccepted, outcome == QLatin1String("valid") && !informative.isEmpty());
+        if (dlrApp()->sslErrorsAccepted) {
+            dlrApp()->networkManager->clearConnectionCache();
+            QCOMPARE(requestManifest(url), QStringLiteral("valid"));
+            QCOMPARE(user.texts.size(), 1);
+        }
+    }
+
     void proxy_data()
     {
         QTest::addColumn<QByteArray>("noProxy");
@@ -258,10 +450,7 @@ private slots:
         QFETCH(QByteArray, noProxy);
         QFETCH(int, tunnels);
         QTemporaryDir state;
-        QTcpServer free;
-        QVERIFY(free.listen(QHostAddress::LocalHost));
-        const quint16 port = free.serverPort();
-        free.close();
+        const quint16 port = freePort();
         const QString log = state.filePath(QStringLiteral("proxy.log"));
         QFile config(state.filePath(QStringLiteral("proxy.conf")));
         QVERIFY(config.open(QIODevice::WriteOnly));
@@ -283,77 +472,244 @@ private slots:
             return probe.waitForConnected(200);
         }(), 10000);
 
-        const QByteArray address = "http://127.0.0.1:" + QByteArray::number(port);
-        qputenv("https_proxy", address);
+        qputenv("https_proxy", "http://127.0.0.1:" + QByteArray::number(port));
         qputenv("no_proxy", noProxy);
         const auto unset = qScopeGuard([] {
             qunsetenv("https_proxy");
             qunsetenv("no_proxy");
         });
-        QVERIFY(requestManifest(manifestUrl(server)).valid);
+        QCOMPARE(requestManifest(server.url(QStringLiteral("forum/currentproducts.php"))), QStringLiteral("valid"));
         dlrApp()->networkManager->clearConnectionCache();
-        QSignalSpy finished(dlrApp(), qOverload<int>(&DlrApp::finishedDownload));
-        QVERIFY(dlrApp()->DownloadProduct(0));
-        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
-
-        QFile logged(log);
-        QVERIFY(logged.open(QIODevice::ReadOnly));
+        QCOMPARE(download(), QString());
         const QByteArray tunnel = "CONNECT 127.0.0.1:" + QByteArray::number(server.port) + " ";
-        QCOMPARE(int(logged.readAll().count(tunnel)), tunnels);
+        QCOMPARE(int(contents(log).count(tunnel)), tunnels);
     }
 
-    void tlsPolicy()
+    // What the user reads of sizes and of transfers that came up short.
+    void texts_data()
     {
-        VendorServer chain;
-        chain.writeCatalogFile(QStringLiteral("manifest.xml"), kServerManifest);
-        QVERIFY(chain.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
-        VendorServer self;
-        self.writeCatalogFile(QStringLiteral("manifest.xml"), kServerManifest);
-        QVERIFY(self.start({QStringLiteral("--tls"), QStringLiteral("self")}));
-
-        {
-            DialogAnswerer user(QMessageBox::Ok);
-            QVERIFY(requestManifest(manifestUrl(chain)).valid);
-            QVERIFY(user.texts.isEmpty());
-            QVERIFY(!dlrApp()->sslErrorsAccepted);
-        }
-        {
-            DialogAnswerer user(QMessageBox::Cancel);
-            QCOMPARE(requestManifest(manifestUrl(self)).reason, QStringLiteral("Unknown manifest Validation"));
-            QCOMPARE(user.texts, QStringList{"There was issue with the SSL connection. Continue anyway?"});
-            QVERIFY(!user.informative.first().isEmpty());
-            QVERIFY(!dlrApp()->sslErrorsAccepted);
-        }
-        {
-            DialogAnswerer user(QMessageBox::Ok);
-            dlrApp()->networkManager->clearConnectionCache();
-            QVERIFY(requestManifest(manifestUrl(self)).valid);
-            QCOMPARE(user.texts.size(), 1);
-            QVERIFY(dlrApp()->sslErrorsAccepted);
-            dlrApp()->networkManager->clearConnectionCache();
-            QVERIFY(requestManifest(manifestUrl(self)).valid);
-            QCOMPARE(user.texts.size(), 1);
-        }
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("1023 bytes") << DlrHumanBytes(1023) << "1023b";
+        QTest::newRow("1024 bytes") << DlrHumanBytes(1024) << "1.000KB";
+        QTest::newRow("a byte under a MiB") << DlrHumanBytes(1048575) << "1023.999KB";
+        QTest::newRow("1.5 MiB") << DlrHumanBytes(1572864) << "1.50MB";
+        QTest::newRow("2 GiB") << DlrHumanBytes(Q_INT64_C(2147483648)) << "2.000GB";
+        // What the network layer sometimes reports as a success.
+        QTest::newRow("closed before the announced end")
+            << DlrApp::DownloadShortfall(100000, 300000, 0) << "Download incomplete: 100000 of 300000 bytes";
+        QTest::newRow("nothing announced, size unknown") << DlrApp::DownloadShortfall(5, -1, 0) << "";
     }
 
-    // Several problems at once: one dialog, the details joined with "---".
-    void tlsSeveralProblems()
+    void texts()
     {
-        VendorServer self;
-        self.writeCatalogFile(QStringLiteral("manifest.xml"), kServerManifest);
-        QVERIFY(self.start({QStringLiteral("--tls"), QStringLiteral("self"), QStringLiteral("--bind"),
-                            QStringLiteral("127.0.0.2")}));
-        DialogAnswerer user(QMessageBox::Cancel);
-        QUrl url = manifestUrl(self);
-        url.setHost(QStringLiteral("127.0.0.2")); // not a name the certificate carries
-        QTest::ignoreMessage(QtDebugMsg, QRegularExpression("^ssl error: "));
-        requestManifest(url);
-        QCOMPARE(user.texts.size(), 1);
-        QCOMPARE(user.informative.first(), QStringLiteral("There were multiple issues with the SSL connection"));
-        const QStringList details = user.details.first().split(QStringLiteral("---"));
-        QVERIFY2(details.size() >= 2, qPrintable(user.details.first()));
-        for (const QString& detail : details)
-            QVERIFY(!detail.isEmpty());
+        QFETCH(QString, text);
+        QFETCH(QString, expected);
+        QCOMPARE(text, expected);
+    }
+
+    void temporaryNames_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QStringList>("existing");
+        QTest::addColumn<QString>("expected");
+
+        QTest::newRow("free") << "Product-22.0.pkg" << QStringList() << "Product-22.0.pkg.vlumdownload";
+        QTest::newRow("final name taken") << "Product.pkg" << QStringList{"Product.pkg"}
+                                          << "Product-1.pkg.vlumdownload";
+        QTest::newRow("both tries taken") << "Product.pkg"
+                                          << QStringList{"Product.pkg", "Product-1.pkg.vlumdownload"}
+                                          << "Product-2.pkg.vlumdownload";
+        QTest::newRow("no suffix") << "Product" << QStringList() << "Product..vlumdownload";
+    }
+
+    void temporaryNames()
+    {
+        QFETCH(QString, name);
+        QFETCH(QStringList, existing);
+        QFETCH(QString, expected);
+        for (const QString& file : existing)
+            QVERIFY(QFile(downloads() + '/' + file).open(QIODevice::WriteOnly));
+        manifest() << offer(name);
+        const QString temp = dlrApp()->getDownloadPath(0);
+        QCOMPARE(temp, downloads() + '/' + expected);
+        QCOMPARE(DlrApp::getFinalNameFromTempName(temp), downloads() + '/' + expected.chopped(13));
+        QTest::ignoreMessage(QtDebugMsg, "index out of range in getDownloadPath 1");
+        QCOMPARE(dlrApp()->getDownloadPath(1), QStringLiteral("unkown.vlumdownload"));
+    }
+
+    void existingDownload_data()
+    {
+        QTest::addColumn<QString>("name");   // the offer's Name; @ stands for a folder outside Downloads
+        QTest::addColumn<QString>("onDisk"); // where 100 bytes are put, relative to Downloads
+        QTest::addColumn<QString>("kind");   // file, empty, link (to a file elsewhere) or foreign (another user's)
+        QTest::addColumn<qint64>("size");
+        QTest::addColumn<bool>("reused");
+        QTest::addColumn<bool>("refused"); // DownloadProduct will not even start
+
+        QTest::newRow("exact size") << "P.pkg" << "P.pkg" << "file" << qint64(100) << true << true;
+        QTest::newRow("one byte more offered") << "P.pkg" << "P.pkg" << "file" << qint64(101) << false << false;
+        QTest::newRow("unknown size") << "P.pkg" << "P.pkg" << "empty" << qint64(0) << false << false;
+        QTest::newRow("parent folder") << "../P.pkg" << "../P.pkg" << "file" << qint64(100) << false << true;
+        QTest::newRow("absolute path") << "@/P.pkg" << "@/P.pkg" << "file" << qint64(100) << false << true;
+        QTest::newRow("sub folder") << "sub/P.pkg" << "sub/P.pkg" << "file" << qint64(100) << false << true;
+        QTest::newRow("dot dot") << ".." << "P.pkg" << "file" << qint64(100) << false << true;
+        QTest::newRow("link to a file elsewhere") << "P.pkg" << "P.pkg" << "link" << qint64(100) << false << false;
+        QTest::newRow("another user's file") << "P.pkg" << "P.pkg" << "foreign" << qint64(100) << false << false;
+    }
+
+    // Only a file of ours, of exactly the offered size, inside the download
+    // folder counts as already downloaded: anything else would hand a
+    // stranger's file to the root installer.
+    void existingDownload()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, onDisk);
+        QFETCH(QString, kind);
+        QFETCH(qint64, size);
+        QFETCH(bool, reused);
+        QFETCH(bool, refused);
+        QTemporaryDir elsewhere;
+        name.replace(QLatin1Char('@'), elsewhere.path());
+        const QString path = QDir(downloads()).absoluteFilePath(onDisk.replace(QLatin1Char('@'), elsewhere.path()));
+        const QString target = kind == QLatin1String("link") ? elsewhere.filePath(QStringLiteral("real.pkg")) : path;
+        QVERIFY(QDir().mkpath(QFileInfo(path).absolutePath()));
+        QFile file(target);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(QByteArray(kind == QLatin1String("empty") ? 0 : 100, 'x'));
+        file.close();
+        const auto cleanUp = qScopeGuard([&] { QFile::remove(path); QDir(downloads()).rmdir(QStringLiteral("sub")); });
+        if (kind == QLatin1String("link"))
+            QVERIFY(QFile::link(target, path));
+        if (kind == QLatin1String("foreign") && ::chown(QFile::encodeName(path).constData(), 65534, 65534) != 0)
+            QSKIP("another user's file needs root to make");
+
+        manifest() << offer(name, server.url(QStringLiteral("packages/small.pkg")), size);
+        dlrApp()->CheckForDownload(0);
+        QCOMPARE(manifest().at(0).downloaded, reused);
+        QCOMPARE(bool(manifest().at(0).downloadFile), reused);
+        if (refused)
+            QVERIFY(!dlrApp()->DownloadProduct(0));
+    }
+
+    void transfer_data()
+    {
+        QTest::addColumn<QString>("name");  // the package on the server
+        QTest::addColumn<QString>("query"); // its fault switches; "refused": a closed port
+        QTest::addColumn<qint64>("size");   // the offer's FileSize
+        QTest::addColumn<int>("limit");     // the file size limit while the first try runs
+        QTest::addColumn<QString>("reason");
+        QTest::addColumn<int>("failures"); // tries that fail with the reason
+        QTest::addColumn<bool>("rest");    // each retry asks for the rest only
+        QTest::addColumn<bool>("replaced"); // the package changes after the first try
+
+        const QString product = QStringLiteral("Product.pkg");
+        const QString cut = DlrNetworkError(QNetworkReply::RemoteHostClosedError);
+        const QString timedOut = DlrNetworkError(QNetworkReply::TimeoutError);
+        const QString tooLarge = QStringLiteral("Could not write %1/%2.vlumdownload: File too large");
+        QTest::newRow("whole") << product << "" << qint64(300000) << 0 << "" << 0 << true << false;
+        QTest::newRow("dropped mid-download") << product << "drop_after=100000&fault_times=1" << qint64(300000) << 0
+                                              << cut << 1 << true << false;
+        QTest::newRow("404") << product << "status=404&fault_times=1" << qint64(300000) << 0
+                             << DlrNetworkError(QNetworkReply::ContentNotFoundError) << 1 << true << false;
+        QTest::newRow("500") << product << "status=500&fault_times=1" << qint64(300000) << 0
+                             << DlrNetworkError(QNetworkReply::InternalServerError) << 1 << true << false;
+        QTest::newRow("refused") << product << "refused" << qint64(300000) << 0
+                                 << DlrNetworkError(QNetworkReply::ConnectionRefusedError) << 1 << true << false;
+        QTest::newRow("not a url") << product << "not a url" << qint64(300000) << 0
+                                   << DlrNetworkError(QNetworkReply::ProtocolUnknownError) << 1 << true << false;
+        // The network layer calls these complete; only the byte count tells.
+        QTest::newRow("no length, closed early")
+            << product << "no_length=1&drop_after=100000&fault_times=1" << qint64(300000) << 0
+            << "Download incomplete: 100000 of 300000 bytes" << 1 << true << false;
+        QTest::newRow("shorter than offered") << product << "" << qint64(300001) << 0
+                                              << "Download incomplete: 300000 of 300001 bytes" << 1 << false << false;
+        QTest::newRow("longer than offered") << product << "" << qint64(299999) << 0
+                                             << "Download larger than expected: 300000 of 299999 bytes" << 1 << false
+                                             << false;
+        QTest::newRow("silent after the headers") << product << "stall_after=0&fault_times=1" << qint64(300000) << 0
+                                                  << timedOut << 1 << true << false;
+        QTest::newRow("silent mid-body") << product << "stall_after=100000&fault_times=1" << qint64(300000) << 0
+                                         << timedOut << 1 << true << false;
+        // The cause, not the abort it led to; data that did not reach the
+        // disk never gets the final name.
+        QTest::newRow("disk full while copying") << product << "" << qint64(300000) << 64000
+                                                 << tooLarge.arg(downloads(), product) << 1 << false << false;
+        // Small enough to sit in the file's buffer until it is flushed.
+        QTest::newRow("disk full only at flush") << "small.pkg" << "" << qint64(3000) << 2000
+                                                 << tooLarge.arg(downloads(), "small.pkg") << 1 << false << false;
+        QTest::newRow("cut at ten offsets") << "Big.pkg" << "drop_after=6000000&fault_times=10" << qint64(64 << 20)
+                                            << 0 << cut << 10 << true << false;
+        QTest::newRow("package replaced in between") << "Replaced.pkg" << "drop_after=100000&fault_times=1"
+                                                     << qint64(300000) << 0 << cut << 1 << false << true;
+    }
+
+    // The reason reaches the user and the partial file keeps its temporary
+    // name; Retry continues it, by a range of the same file only, to the
+    // server's package byte for byte under its own name.
+    void transfer()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, query);
+        QFETCH(qint64, size);
+        QFETCH(int, limit);
+        QFETCH(QString, reason);
+        QFETCH(int, failures);
+        QFETCH(bool, rest);
+        QFETCH(bool, replaced);
+        const QString final = downloads() + '/' + name;
+        QUrl source = server.url(QStringLiteral("packages/") + name + '?' + query);
+        if (query == QLatin1String("refused"))
+            source = QUrl(QStringLiteral("https://127.0.0.1:%1/packages/Product.pkg").arg(freePort()));
+        else if (query == QLatin1String("not a url"))
+            source = QUrl(QStringLiteral("not a url at all"), QUrl::TolerantMode);
+        manifest() << offer(name, source, size);
+        qint64 received = 0;
+        for (int tries = 0; tries < failures; ++tries) {
+            {
+                std::optional<FileSizeLimit> full;
+                if (limit > 0 && tries == 0)
+                    full.emplace(limit);
+                QCOMPARE(download(&received), reason);
+            }
+            QVERIFY(QFile::exists(final + QStringLiteral(".vlumdownload")));
+            QVERIFY(!QFile::exists(final));
+            QVERIFY(!manifest().at(0).downloaded);
+            QVERIFY(!manifest().at(0).downloadFile);
+            if (limit > 0)
+                QVERIFY(QFileInfo(final + QStringLiteral(".vlumdownload")).size() <= limit);
+            if (replaced) {
+                QByteArray other = server.package(name);
+                std::reverse(other.begin(), other.end());
+                server.writeCatalogFile(QStringLiteral("packages/") + name, other); // a new ETag
+            }
+            // Retry gets the package as it is: the faults stay while fault_times says.
+            if (!query.contains(QLatin1String("fault_times")))
+                manifest()[0].DownloadURL = server.url(QStringLiteral("packages/") + name);
+            manifest()[0].FileSize = server.package(name).size();
+        }
+        QCOMPARE(download(&received), QString());
+        QCOMPARE(contents(final), server.package(name));
+        QCOMPARE(QDir(downloads()).entryList(QDir::Files), QStringList{name});
+        QVERIFY(manifest().at(0).downloaded);
+        QCOMPARE(manifest().at(0).downloadFile->fileName(), final);
+        QVERIFY(!manifest().at(0).downloadFile->isOpen());
+        if (rest)
+            QVERIFY2(received <= size * 11 / 10, qPrintable(QStringLiteral("%1 bytes received").arg(received)));
+    }
+
+    // A new manifest while a package is arriving: the reply is ended at
+    // once instead of stalling behind its full read buffer.
+    void manifestEmptiedMidDownload()
+    {
+        manifest() << offer(QStringLiteral("Big.pkg"), server.url(QStringLiteral("packages/Big.pkg")), 64 << 20);
+        QSignalSpy failed(dlrApp(), &DlrApp::failedDownload);
+        QNetworkReply* reply = dlrApp()->DownloadProduct(0);
+        QVERIFY(reply);
+        connect(reply, &QNetworkReply::downloadProgress, this, [this] { manifest().clear(); });
+        QTRY_COMPARE_WITH_TIMEOUT(failed.count(), 1, 15000);
+        QCOMPARE(failed.first().first().toString(), QStringLiteral("index out of range in Download"));
+        QVERIFY(!dlrApp()->downloadReply);
     }
 };
 

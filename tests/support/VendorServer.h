@@ -59,13 +59,11 @@ public:
         QTemporaryDir payload;
         const QString product = payload.filePath(QStringLiteral("opt/Oktavo/") + folder);
         QFile readme(product + QStringLiteral("/README.txt"));
-        if (!QDir().mkpath(product) || !readme.open(QIODevice::WriteOnly))
+        if (!QDir().mkpath(product) || !readme.open(QIODevice::WriteOnly) || readme.write(folder.toUtf8() + '\n') < 0)
             return false;
-        readme.write(folder.toUtf8() + '\n');
         readme.close();
         return QProcess::execute(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-pkg"),
-                                 {QStringLiteral("--identifier"), QStringLiteral("com.oktavo.test"),
-                                  QStringLiteral("--version"), QStringLiteral("1.0"), payload.path(),
+                                 {"--identifier", "com.oktavo.test", "--version", "1.0", payload.path(),
                                   catalogPath(QStringLiteral("packages/") + name)})
             == 0;
     }
@@ -106,21 +104,14 @@ public:
     bool start(const QStringList& options = {})
     {
         process.setProgram(QStringLiteral(VLUM_SOURCE_DIR "/tools/vendor-server"));
-        process.setArguments(QStringList{QStringLiteral("--catalog"), catalogDir.path(), QStringLiteral("--state"),
-                                         stateDir.path()}
-                             + options);
+        process.setArguments(QStringList{"--catalog", catalogDir.path(), "--state", stateDir.path()} + options);
         process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         process.start();
-        if (!process.waitForStarted(10000))
-            return false;
-        QByteArray line;
-        while (!line.endsWith('\n')) {
-            if (!process.waitForReadyRead(20000))
-                return false;
-            line += process.readLine();
-        }
-        const QRegularExpressionMatch ready = QRegularExpression(
-            QStringLiteral("^READY port=(\\d+) url=(\\S+) ca=(\\S+) log=(\\S+)")).match(QString::fromUtf8(line));
+        // Its first line says where it listens; a server that never says so fails here after 30 s.
+        for (int waited = 0; waited < 30 && !process.canReadLine() && process.state() != QProcess::NotRunning; ++waited)
+            process.waitForReadyRead(1000);
+        const QRegularExpressionMatch ready = QRegularExpression(QStringLiteral(
+            "^READY port=(\\d+) url=(\\S+) ca=(\\S+) log=(\\S+)")).match(QString::fromUtf8(process.readLine()));
         if (!ready.hasMatch())
             return false;
         port = ready.captured(1).toInt();
