@@ -55,7 +55,7 @@ private slots:
             {"manifestServer=www.oktavo.com", "manifestServerScheme=https", "manifestUrl=forum/currentproducts.php",
              "manifestURL=https://www.oktavo.com/forum/currentproducts.php",
              "successURL=https://www.oktavo.com/view/Install-Success", "logLevel=2", "dumpManifest=false", "user=",
-             "pass=", "settingsFile=", "transferTimeout=30"});
+             "pass=", "transferTimeout=30"});
         row("home file hides the bundle's, keys not merged", "user=fromhome\n", {}, {"user=fromhome", "pass="}, {},
             "user=frombundle\npass=bundlepass\n");
         // The key, unlike the option, keeps the scheme.
@@ -130,20 +130,12 @@ private slots:
             write(bundleIniPath, bundleIni);
 
         const ChildRun run = runChild(bundle + "/bin/dlrprobe", args, home, env << "DLRPROBE_LOG=1");
-        QCOMPARE(run.exitStatus, QProcess::NormalExit);
-        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.exitStatus == QProcess::NormalExit && run.exitCode == 0, run.err.constData());
         QCOMPARE(run.outBeforeConfig(), printed);
-        const QMap<QString, QString> config = run.config();
-        for (const QString& line : expected) {
-            const QString key = line.section('=', 0, 0);
-            QVERIFY2(config.contains(key), qPrintable(key));
-            QCOMPARE(config.value(key), line.section('=', 1));
-        }
-        if (!homeIni.isNull())
-            QCOMPARE(config.value("settingsFile"), home + "/vluminstaller.ini");
-        else if (!bundleIni.isNull())
-            QCOMPARE(QFileInfo(config.value("settingsFile")).canonicalFilePath(),
-                     QFileInfo(bundleIniPath).canonicalFilePath());
+        const QByteArray config = run.out.mid(run.out.indexOf(kConfigMarker));
+        const QString settings = homeIni.isNull() ? bundleIni.isNull() ? "" : bundleIniPath : home + "/vluminstaller.ini";
+        for (const QString& line : expected + QStringList{"settingsFile=" + settings})
+            QVERIFY2(config.contains('\n' + line.toLocal8Bit() + '\n'), qPrintable(line + " not in\n" + config));
 
         // Our own log lines (the toolkit may add its chatter), each with the
         // ident and this process's id; debug and warning only at level 0,
@@ -155,7 +147,7 @@ private slots:
                 logged << QString::fromLocal8Bit(line).remove(prefix);
         }
         QStringList wanted{"Critical: probe critical line", "Info: probe info line", "Debug: probe debug after shutdown"};
-        if (config.value("logLevel") == "0")
+        if (config.contains("\nlogLevel=0\n"))
             wanted = QStringList{"Debug: probe debug line", "Warning: probe warning line"} + wanted;
         QCOMPARE(logged, wanted);
     }
@@ -178,8 +170,7 @@ private slots:
         QFETCH(QStringList, args);
         QFETCH(QByteArray, before);
         const ChildRun run = runChild(VLUM_INSTALLER, args, home, {"VLUMINSTALLER_DEBUG_LOG=1"});
-        QCOMPARE(run.exitStatus, QProcess::NormalExit);
-        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.exitStatus == QProcess::NormalExit && run.exitCode == 0, run.err.constData());
         QVERIFY(run.out.contains("\n -manifestserver <server name>"));
         QCOMPARE(run.out, before + DlrUsageText().toLocal8Bit() + '\n');
         QVERIFY2(!run.err.contains("Velluma Installer["), run.err.constData());
@@ -190,8 +181,6 @@ private slots:
         QTest::addColumn<int>("code");
         QTest::addColumn<QString>("text");
         QTest::newRow("0") << 0 << "no error condition.";
-        QTest::newRow("1") << 1 << "the remote server refused the connection (the server is not accepting requests)";
-        QTest::newRow("203") << 203 << "the remote content was not found at the server (similar to HTTP error 404)";
         QTest::newRow("399") << 399
                              << "a breakdown in protocol was detected (parsing error, invalid or unexpected "
                                 "responses, etc.)";
