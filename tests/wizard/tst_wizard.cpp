@@ -142,7 +142,8 @@ class TestWizard : public QObject
             else if (f[0] == "vcs")
                 QVERIFY(tree.banner(QStringLiteral("VCS-%1/bin/vlrender").arg(f[1]), f[1], f[2]));
             else
-                QVERIFY(tree.plugin(bridge) && tree.file(bridge + "/etc/buildid.txt", ("Velluma " + f[1] + " @" + f[3]).toUtf8()));
+                QVERIFY(tree.plugin(bridge)
+                        && tree.file(bridge + "/etc/buildid.txt", ("Velluma " + f[1] + " @" + f[3]).toUtf8()));
         }
     }
 
@@ -179,7 +180,8 @@ class TestWizard : public QObject
     int packageRequests(const QString& name) const
     {
         const QList<QJsonObject> all = server.requests().mid(requestsBefore);
-        return int(std::count_if(all.begin(), all.end(), [&](const QJsonObject& r) { return r["path"] == "/packages/" + name; }));
+        return int(std::count_if(all.begin(), all.end(),
+                                 [&](const QJsonObject& request) { return request["path"] == "/packages/" + name; }));
     }
 
     void waitForFinishedPage() { QTRY_COMPARE_WITH_TIMEOUT(window->currentId(), int(DlrMainWindow::FinishedPage), 20000); }
@@ -307,7 +309,8 @@ private slots:
         const int login = DlrMainWindow::LoginPage, selection = DlrMainWindow::SelectionPage;
         QTest::newRow("Return in user ID") << QByteArray() << QByteArray("userName") << int(Qt::Key_Return) << selection;
         QTest::newRow("Enter in password") << QByteArray() << QByteArray("password") << int(Qt::Key_Enter) << selection;
-        QTest::newRow("Return on sign-up") << QByteArray() << QByteArray("needToRegister") << int(Qt::Key_Return) << selection;
+        QTest::newRow("Return on sign-up")
+            << QByteArray() << QByteArray("needToRegister") << int(Qt::Key_Return) << selection;
         QTest::newRow("user ID emptied, Enter on sign-up")
             << QByteArray("userName") << QByteArray("needToRegister") << int(Qt::Key_Enter) << login;
         QTest::newRow("password emptied, Return in password")
@@ -467,7 +470,8 @@ private slots:
         tick(1, false);
         showAll->click();
         QCOMPARE(rows().size(), 11);
-        QCOMPARE(rows().mid(0, 5), QStringList(first).replaceInStrings("[x] Velluma for Maya 2018", "[ ] Velluma for Maya 2018")
+        QCOMPARE(rows().mid(0, 5), QStringList(first).replaceInStrings("[x] Velluma for Maya 2018",
+                                                                       "[ ] Velluma for Maya 2018")
                                        << "[ ] Velluma for Maya 2020");
         tick(4, true); // Maya 2020 bridge, index 2
         tick(6, true); // 21 server, index 5
@@ -718,7 +722,8 @@ private slots:
         QFETCH(QStringList, installed);
         QFETCH(qint64, kept);
         QFETCH(QStringList, dialogs);
-        server.serveOffers({{"Slow.pkg", 300000, whileOpen == "failed" ? "throttle=100000&drop_after=200000" : "throttle=100000"}});
+        const char* faults = whileOpen == "failed" ? "throttle=100000&drop_after=200000" : "throttle=100000";
+        server.serveOffers({{"Slow.pkg", 300000, faults}});
         LogWatch log;
         WizardDriver::enterDownloads(window);
         QTRY_VERIFY(!label("downloadAmount").isEmpty()); // bytes are arriving
