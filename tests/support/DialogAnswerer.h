@@ -22,13 +22,10 @@ public:
     explicit DialogAnswerer(QMessageBox::StandardButton answer)
         : answer(answer)
     {
-        timer.setInterval(20);
         QObject::connect(&timer, &QTimer::timeout, this, [this] {
             auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-            if (!box) {
-                waiting.invalidate();
-                return;
-            }
+            if (!box)
+                return waiting.invalidate();
             if (!waiting.isValid())
                 waiting.start();
             if (ready && !ready() && !waiting.hasExpired(20000))
@@ -41,23 +38,16 @@ public:
             details << box->detailedText();
             // A box with a single answer can only be closed with it; its
             // "Show Details..." button is no answer.
+            const int answers = int(box->standardButtons());
             QAbstractButton* button = box->button(this->answer);
-            if (!button && box->standardButtons() != QMessageBox::NoButton) {
-                const QList<QAbstractButton*> buttons = box->buttons();
-                QList<QAbstractButton*> answers;
-                for (QAbstractButton* candidate : buttons) {
-                    if (box->standardButton(candidate) != QMessageBox::NoButton)
-                        answers << candidate;
-                }
-                if (answers.size() == 1)
-                    button = answers.first();
-            }
+            if (!button && answers && !(answers & (answers - 1)))
+                button = box->button(QMessageBox::StandardButton(answers));
             if (button)
                 button->click();
             else
                 box->reject();
         });
-        timer.start();
+        timer.start(20);
     }
 
     // One answer per box, in order, for the boxes that come after the

@@ -21,10 +21,9 @@ public:
     bool file(const QString& relative, const QByteArray& content,
               QFile::Permissions permissions = QFile::ReadOwner | QFile::WriteOwner)
     {
-        const QString target = path(relative);
-        QFile out(target);
-        return QDir().mkpath(QFileInfo(target).path()) && out.open(QIODevice::WriteOnly)
-            && out.write(content) == content.size() && out.setPermissions(permissions);
+        QFile out(path(relative));
+        return folder(QFileInfo(relative).path()) && out.open(QIODevice::WriteOnly) && out.write(content) == content.size()
+            && out.setPermissions(permissions);
     }
 
     // A program running the given shell commands.

@@ -22,13 +22,13 @@ int runWithDlrApp(int argc, char** argv, std::vector<const char*> options)
                               "ALL_PROXY", "NO_PROXY"})
         qunsetenv(proxy);
 
-    std::vector<QByteArray> storage{QByteArray(argv[0])};
-    for (const char* option : options)
-        storage.emplace_back(option);
+    // The application object may reorder its arguments, so it gets copies.
+    options.insert(options.begin(), argv[0]);
+    std::vector<QByteArray> storage(options.begin(), options.end());
     std::vector<char*> appArgs;
     for (QByteArray& arg : storage)
         appArgs.push_back(arg.data());
-    int appArgc = static_cast<int>(appArgs.size());
+    int appArgc = int(appArgs.size());
     appArgs.push_back(nullptr);
 
     DlrApp app(appArgc, appArgs.data());

@@ -38,10 +38,8 @@ inline void useServer(const VendorServer& server)
 // nested loop of the process, so exits are always taken here.
 inline int runUntilExit(const std::function<void()>& action, int guardMs = 30000)
 {
-    QTimer guard;
-    guard.setSingleShot(true);
-    QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(99); });
-    guard.start(guardMs);
+    QObject guard; // its timer goes with it
+    QTimer::singleShot(guardMs, &guard, [] { QCoreApplication::exit(99); });
     QTimer::singleShot(0, action);
     return dlrApp()->exec();
 }
@@ -84,8 +82,7 @@ public:
         qInstallMessageHandler(previous);
         current = nullptr;
     }
-    LogWatch(const LogWatch&) = delete;
-    LogWatch& operator=(const LogWatch&) = delete;
+    Q_DISABLE_COPY(LogWatch)
 
     bool contains(const QString& start) const
     {

@@ -1,247 +1,927 @@
-// The wizard window, the login page and the finished page, driven as a user
-// would: key presses, clicks, and the addresses handed to the browser.
+// The wizard in this process, page by page, as a user meets it: the look
+// from the bundle's Resources, the login and finished pages, the selection
+// rules against real surveyed machines (real product trees, the profiler
+// stand-in) and the selection page, then the download page with packages
+// from the real local server installed through the real helper. The suite
+// runs in a copy of this program in a bundle whose package installer is a
+// script that prints one installer line per gate the test opens, so every
+// state of the download page can be held still and looked at.
 
+#include "../support/DialogAnswerer.h"
+#include "../support/HelperProcess.h"
+#include "../support/ProductTree.h"
+#include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
 #include "../support/UrlCatcher.h"
+#include "../support/WizardDriver.h"
 
-#include "DlrApp.h"
 #include "DlrDownload.h"
-#include "DlrFinished.h"
-#include "DlrLogin.h"
-#include "DlrMainWindow.h"
-#include "DlrSelection.h"
+#include "DlrHumanBytes.h"
+#include "DlrInstallerLine.h"
+#include "DlrNetworkError.h"
+#include "DlrPlatform.h"
+#include "OfferTree.h"
 
-#include <QAbstractButton>
-#include <QDesktopServices>
-#include <QLabel>
-#include <QLineEdit>
-#include <QPushButton>
+#include <QtWidgets>
+
+namespace {
+
+// $5 is the package. A gated package prints each line only once the file
+// <package>.<n> exists; every package it finishes is listed in installed.txt.
+const char kInstaller[] = R"(#!/bin/sh
+pkg="$5"
+gate() { i=0; while [ ! -e "$pkg.$1" ]; do sleep 0.02; i=$((i+1)); [ $i -lt 1500 ] || exit 3; done; }
+case "$pkg" in
+  *Gated*)
+    gate 1; echo 'installer:PHASE:Validating packages'
+    gate 2; echo 'installer:%50'
+    gate 3; printf 'installer:STATUS:Running package scripts\342\200\246\n'
+    gate 4; echo 'installer:STATUS:Copying installer:%12'
+    gate 5 ;;
+esac
+echo 'installer: The install was successful.'
+echo "${pkg##*/}" >> "$(dirname "$0")/installed.txt"
+)";
+
+// One ProductInfo record. An empty version leaves the version fields out.
+QByteArray offer(const QString& version, const QString& name, const QString& simple, const QString& build,
+                 const QString& behavior = "automatic", qint64 size = 1000, const QString& url = QString())
+{
+    QString fields = QStringLiteral("<Name>%1</Name><SimpleName>%2</SimpleName><BuildID>%3</BuildID>"
+                                    "<DefaultBehavior>%4</DefaultBehavior><FileSize>%5</FileSize>"
+                                    "<DownloadURL>%6</DownloadURL>")
+                         .arg(name, simple, build, behavior, QString::number(size),
+                              url.isNull() ? "https://127.0.0.1:9/packages/" + name : url);
+    if (!version.isEmpty())
+        fields += QStringLiteral("<VersionMajor>%1</VersionMajor><VersionMinor>%2</VersionMinor>")
+                      .arg(version.section('.', 0, 0), version.section('.', 1));
+    return "<ProductInfo>" + fields.toUtf8() + "</ProductInfo>\n";
+}
+
+QByteArray manifest(const QByteArrayList& offers)
+{
+    return "<Manifest>\n" + offers.join() + "</Manifest>\n";
+}
+
+const QByteArray kCore22 = offer("22.0", "Velluma-CoreServer-22.0.200000.pkg", "Velluma CoreServer 22.0", "200000");
+const QByteArray kMaya2018 = offer("22.0", "VellumaForMaya-22.0-maya2018_200000-1.pkg", "Velluma for Maya 2018", "200000");
+const QByteArray kMaya2020 = offer("22.0", "VellumaForMaya-22.0-maya2020_200000-1.pkg", "Velluma for Maya 2020", "200000");
+const QByteArray kMayaAny = offer("22.0", "VellumaForMaya-22.0_200000-1.pkg", "Velluma for Maya", "200000");
+
+// Every kind of offer the rules tell apart, indices 0 to 12.
+const QByteArray kCatalog = manifest({
+    kCore22, kMaya2018, kMaya2020, kMayaAny,
+    offer("22.0", "VellumaForKatana-22.0-katana3.5_200000-1.pkg", "Velluma for Katana 3.5", "200000"),
+    offer("21.0", "Velluma-CoreServer-21.0.100000.pkg", "Velluma CoreServer 21.0", "100000"),
+    offer("21.0", "VellumaForMaya-21.0-maya2018_100000-1.pkg", "Velluma for Maya 2018", "100000"),
+    offer("22.0", "Harrow-22.0_200000.pkg", "Harrow", "200000"),
+    offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "200000", "show"),
+    offer("22.0", "VellumaDocs-22.0.pkg", "Velluma Docs", "200000", "Show"),
+    offer("22.0", "VellumaForHoudini-22.0-houdini19_200000-1.pkg", "Velluma for Houdini 19", "200000"),
+    offer("22.0", "VellumaExtras-22.0.pkg", "Velluma Extras", "200000", "show", 0),
+    offer("22.0", "VellumaTools-22.0.pkg", "Velluma Tools", "200000", "show", 1000, "http://[bad"),
+});
+
+} // namespace
+
+Q_DECLARE_METATYPE(QMessageBox::StandardButton)
 
 class TestWizard : public QObject
 {
     Q_OBJECT
 
-private:
+    QTemporaryDir work;
+    QString downloads;
+    QString realAppDir;
+    VendorServer server;
+    HelperProcess helper;
     UrlCatcher browser;
     QScopedPointer<DlrMainWindow> window;
-    QString optionUser; // as the command line set them
-    QString optionPass;
+    int requestsBefore = 0;
 
-    QLineEdit* field(const char* name) { return window->findChild<QLineEdit*>(QLatin1String(name)); }
-    QAbstractButton* nextButton() { return window->button(QWizard::NextButton); }
+    template <class T> T* child(const char* name = nullptr) const { return window->findChild<T*>(name); }
+    QLineEdit* field(const char* name) const { return child<QLineEdit>(name); }
+    QString label(const char* name) const { return child<QLabel>(name)->text(); }
+    QListWidget* list() const { return child<QListWidget>(); }
+    QProgressBar* bar() const { return child<QProgressBar>(); }
+    QAbstractButton* backButton() const { return window->button(QWizard::CustomButton1); }
+    DlrSelection* selection() const { return qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage)); }
+    DlrDownload* download() const { return qobject_cast<DlrDownload*>(window->page(DlrMainWindow::DownloadPage)); }
 
-    void showWindow()
+    // A fresh wizard, shown and active, so that focus and keys work.
+    void showWindow(bool fresh = true)
     {
-        window.reset(new DlrMainWindow);
+        if (fresh)
+            window.reset(new DlrMainWindow);
         window->show();
-        QVERIFY(QTest::qWaitForWindowExposed(window.data()));
         window->activateWindow();
         QVERIFY(QTest::qWaitForWindowActive(window.data()));
     }
+
+    // Login page, then Next: the selection page surveys and asks for the
+    // product list.
+    void enterSelection()
+    {
+        showWindow();
+        window->next();
+    }
+
+    // "maya 2018": a Maya in the install history; "vcs 22.0 200000": an
+    // installed core server; "vfm 21.0 2018 100000": an installed bridge.
+    void setMachine(const QStringList& machine)
+    {
+        ProductTree tree(work.filePath("Oktavo"));
+        const QString mayaRoot = work.filePath("autodesk");
+        QVERIFY(QDir(tree.root).removeRecursively() && QDir(mayaRoot).removeRecursively());
+        QVERIFY(tree.folder(".") && QDir().mkpath(mayaRoot));
+        for (const QString& line : machine) {
+            const QStringList f = line.split(' ');
+            const QString bridge = QStringLiteral("VellumaForMaya-%1-maya%2").arg(f[1], f.value(2));
+            if (f[0] == "maya")
+                QVERIFY(QDir(mayaRoot).mkpath("maya" + f[1]));
+            else if (f[0] == "vcs")
+                QVERIFY(tree.banner(QStringLiteral("VCS-%1/bin/vlrender").arg(f[1]), f[1], f[2]));
+            else
+                QVERIFY(tree.plugin(bridge)
+                        && tree.file(bridge + "/etc/buildid.txt", ("Velluma " + f[1] + " @" + f[3]).toUtf8()));
+        }
+    }
+
+    void setManifest(const QByteArray& xml)
+    {
+        QFile file(work.filePath("manifest.xml"));
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(xml) == xml.size());
+        dlrApp()->alternateManifestFile = file.fileName();
+    }
+
+    QStringList rows() const
+    {
+        QStringList texts;
+        for (int row = 0; row < list()->count(); ++row)
+            texts << (list()->item(row)->checkState() == Qt::Checked ? "[x] " : "[ ] ") + list()->item(row)->text();
+        return texts;
+    }
+
+    void tick(int row, bool on) { list()->item(row)->setCheckState(on ? Qt::Checked : Qt::Unchecked); }
+
+    void openGates(const QString& package, int last = 5)
+    {
+        for (int n = 1; n <= last; ++n)
+            QVERIFY(QFile(downloads + QStringLiteral("/%1.%2").arg(package).arg(n)).open(QIODevice::WriteOnly));
+    }
+
+    QStringList installed() const
+    {
+        QFile list(DlrPlatform::LibexecDir() + "/installed.txt");
+        return list.open(QIODevice::ReadOnly) ? QString(list.readAll()).split('\n', Qt::SkipEmptyParts) : QStringList();
+    }
+
+    // Requests for the package since this test began.
+    int packageRequests(const QString& name) const
+    {
+        const QList<QJsonObject> all = server.requests().mid(requestsBefore);
+        return int(std::count_if(all.begin(), all.end(),
+                                 [&](const QJsonObject& request) { return request["path"] == "/packages/" + name; }));
+    }
+
+    void waitForFinishedPage() { QTRY_COMPARE_WITH_TIMEOUT(window->currentId(), int(DlrMainWindow::FinishedPage), 20000); }
 
 private slots:
     void initTestCase()
     {
-        optionUser = dlrApp()->user;
-        optionPass = dlrApp()->pass;
-        QCOMPARE(optionUser, QStringLiteral("alice"));
-        QCOMPARE(optionPass, QStringLiteral(" s3cret "));
-        QDesktopServices::setUrlHandler(QStringLiteral("https"), &browser, "open");
-        QDesktopServices::setUrlHandler(QStringLiteral("http"), &browser, "open");
-    }
-
-    void cleanupTestCase()
-    {
-        QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
-        QDesktopServices::unsetUrlHandler(QStringLiteral("http"));
+        QVERIFY(work.isValid());
+        downloads = QDir::homePath() + "/Downloads";
+        realAppDir = dlrApp()->appDirPath;
+        qputenv("VLUM_PRODUCT_ROOT", QFile::encodeName(work.filePath("Oktavo")));
+        qputenv("VLUM_MAYA_ROOT", QFile::encodeName(work.filePath("autodesk")));
+        qunsetenv("VLUMTREE");
+        qunsetenv("VWSTREE");
+        // The helper runs only this bundle's installer, the gated script.
+        QVERIFY(helper.Start(VLUM_HELPER, {"--installer", DlrPlatform::PackageInstallerProgram()}));
+        qputenv("VLUM_HELPER_SOCKET", QFile::encodeName(helper.SocketPath()));
+        QVERIFY(server.start({"--tls", "chain"}));
+        QDesktopServices::setUrlHandler("https", &browser, "open");
+        QDesktopServices::setUrlHandler("http", &browser, "open");
     }
 
     void init()
     {
+        setMachine({});
+        QVERIFY(QDir(downloads).removeRecursively() && QDir().mkpath(downloads));
+        QFile::remove(DlrPlatform::LibexecDir() + "/installed.txt");
+        requestsBefore = server.requests().size();
+        WizardDriver::useServer(server);
+        dlrApp()->downloadDir.reset();
+        dlrApp()->user = "demo";
+        dlrApp()->pass = "velluma";
         browser.opened.clear();
+    }
+
+    void cleanup()
+    {
+        window.reset();
         DlrApp* app = dlrApp();
-        app->user = optionUser;
-        app->pass = optionPass;
+        app->mainWindow.reset();
+        app->appDirPath = realAppDir;
+        app->setStyleSheet(QString());
+        app->setWindowIcon(QIcon());
     }
 
-    void cleanup() { window.reset(); }
-
-    void windowShape()
+    // The program starts in its bundle, or away from it (with no Resources,
+    // or with its own style sheet): it still opens its window, but a picture
+    // it cannot read gives an empty icon, not one that draws nothing. The
+    // sheet's lines are joined with nothing between them, so a blank that was
+    // only a line break is gone; a sheet that cannot be read leaves the look
+    // as it was.
+    void start_data()
     {
-        DlrMainWindow w;
-        QCOMPARE(w.windowTitle(), QStringLiteral("Velluma Installer"));
-        QCOMPARE(w.sizeHint(), QSize(800, 400));
-        QCOMPARE(w.wizardStyle(), QWizard::ModernStyle);
-        QVERIFY(!w.pixmap(QWizard::BannerPixmap).isNull());
-        QCOMPARE(w.pageIds(), (QList<int>{0, 1, 2, 3}));
-        QVERIFY(qobject_cast<DlrLogin*>(w.page(DlrMainWindow::LoginPage)));
-        QVERIFY(qobject_cast<DlrSelection*>(w.page(DlrMainWindow::SelectionPage)));
-        QVERIFY(qobject_cast<DlrDownload*>(w.page(DlrMainWindow::DownloadPage)));
-        QVERIFY(qobject_cast<DlrFinished*>(w.page(DlrMainWindow::FinishedPage)));
-        // Every page keeps the header (blank subtitle) and has its own banner.
-        for (int id : w.pageIds()) {
-            QCOMPARE(w.page(id)->subTitle(), QStringLiteral(" "));
-            QVERIFY(!w.page(id)->pixmap(QWizard::BannerPixmap).isNull());
+        QTest::addColumn<QByteArray>("sheetFile"); // "-": the real bundle; null: none; "/": a folder
+        QTest::addColumn<QString>("sheet");
+        const QString before = "QLabel { color: #123456; }";
+        QTest::newRow("in its bundle") << QByteArray("-") << QString();
+        QTest::newRow("away from it") << QByteArray() << before;
+        QTest::newRow("a folder for a sheet") << QByteArray("/") << before;
+        QTest::newRow("sheet lines joined")
+            << QByteArray("QLabel#joined {\n  color: #ff0000;\n}\nQWidget\nQLabel#runTogether {\ncolor: #00ff00;\n}\n")
+            << "QLabel#joined {  color: #ff0000;}QWidgetQLabel#runTogether {color: #00ff00;}";
+    }
+
+    void start()
+    {
+        QFETCH(QByteArray, sheetFile);
+        QFETCH(QString, sheet);
+        const bool inBundle = sheetFile == "-";
+        QTemporaryDir bundle; // bin/ is where the program runs
+        const QString path = bundle.filePath("Resources/stylesheets/vluminstaller.qss");
+        QFile file(path);
+        QVERIFY(QDir().mkpath(bundle.filePath("bin")) && QDir().mkpath(bundle.filePath("Resources/stylesheets")));
+        if (!inBundle && !sheetFile.isNull())
+            QVERIFY(sheetFile == "/" ? QDir().mkpath(path) : file.open(QIODevice::WriteOnly) && file.write(sheetFile) > 0);
+        file.close();
+        DlrApp* app = dlrApp();
+        if (!inBundle)
+            app->appDirPath = bundle.filePath("bin");
+        app->setStyleSheet("QLabel { color: #123456; }");
+        QCOMPARE(app->Start(), false);
+        DlrMainWindow* window = app->mainWindow.get();
+        QVERIFY(window->isVisible());
+        QCOMPARE(app->windowIcon().isNull(), !inBundle);
+        QCOMPARE(window->pixmap(QWizard::BannerPixmap).isNull(), !inBundle);
+        QCOMPARE(window->findChild<QLabel*>("finishArtwork")->pixmap(Qt::ReturnByValue).isNull(), !inBundle);
+        QStringList names;
+        for (int id : window->pageIds()) {
+            QCOMPARE(window->page(id)->pixmap(QWizard::BannerPixmap).isNull(), !inBundle);
+            for (const QWidget* widget : window->page(id)->findChildren<QWidget*>()) {
+                if (!widget->objectName().startsWith("qt_"))
+                    names << widget->objectName();
+            }
+        }
+        if (!inBundle)
+            QCOMPARE(app->styleSheet(), sheet);
+        // The real sheet names every object name the pages give their widgets
+        // (a renamed widget would silently lose its look), and every picture it
+        // names is found whatever the current folder (a missing one would
+        // leave a tick box silently empty).
+        names.removeAll(QString());
+        QVERIFY(names.size() >= 9);
+        for (const QString& name : names)
+            QVERIFY2(!inBundle || app->styleSheet().contains('#' + name), qPrintable(name));
+        QRegularExpressionMatchIterator url = QRegularExpression("url\\(([^)]*)\\)").globalMatch(app->styleSheet());
+        QCOMPARE(url.hasNext(), inBundle);
+        while (url.hasNext()) {
+            const QString name = url.next().captured(1);
+            QVERIFY2(!QPixmap(name).isNull(), qPrintable(name));
         }
     }
 
-    // Back, Next (and Finish) sit together at the right; no Cancel, no Help.
-    void buttonRow()
-    {
-        showWindow();
-        QAbstractButton* back = window->button(QWizard::BackButton);
-        QAbstractButton* next = nextButton();
-        QVERIFY(next->isVisible());
-        QVERIFY(!window->button(QWizard::CancelButton)->isVisible());
-        QVERIFY(!window->button(QWizard::HelpButton)->isVisible());
-        const int width = window->width();
-        const QRect nextRect(next->mapTo(window.data(), QPoint()), next->size());
-        QVERIFY2(nextRect.right() > width - 40, "Next is not right-aligned");
-        if (back->isVisible()) {
-            const QRect backRect(back->mapTo(window.data(), QPoint()), back->size());
-            QVERIFY(backRect.right() <= nextRect.left());
-            QVERIFY(backRect.left() > width / 2);
-        }
-    }
-
-    void loginPrefilledAndFocus()
-    {
-        showWindow();
-        QCOMPARE(window->currentId(), int(DlrMainWindow::LoginPage));
-        QCOMPARE(field("userName")->text(), QStringLiteral("alice"));
-        QCOMPARE(field("password")->text(), QStringLiteral(" s3cret "));
-        QCOMPARE(field("password")->echoMode(), QLineEdit::Password);
-        QCOMPARE(field("userName")->placeholderText(), QStringLiteral("Velluma Forum User ID"));
-        QCOMPARE(field("password")->placeholderText(), QStringLiteral("Velluma Forum Password"));
-        QVERIFY(nextButton()->isEnabled());
-        auto* signUp = window->findChild<QPushButton*>(QStringLiteral("needToRegister"));
-        QVERIFY(signUp);
-        QCOMPARE(signUp->text(), QStringLiteral("Need a Forum User ID?"));
-        QTRY_COMPARE(QApplication::focusWidget(), static_cast<QWidget*>(signUp));
-    }
-
-    // Only the first showing moves the focus; the user's choice stays after.
-    void focusLeftAloneLater()
-    {
-        showWindow();
-        QLineEdit* password = field("password");
-        password->setFocus();
-        QTRY_COMPARE(QApplication::focusWidget(), static_cast<QWidget*>(password));
-        // The window shown again shows the page again.
-        window->hide();
-        window->show();
-        QVERIFY(QTest::qWaitForWindowExposed(window.data()));
-        window->activateWindow();
-        QVERIFY(QTest::qWaitForWindowActive(window.data()));
-        QTRY_COMPARE(window->focusWidget(), static_cast<QWidget*>(password));
-    }
-
-    void nextFollowsEdits_data()
+    // The login page first shows the credentials it was given, the password
+    // hidden, and the focus on the sign-up button, so that a stray key press
+    // does not edit the password; only that first showing moves the focus.
+    // Enter goes on exactly like Next, the credentials kept as typed, and
+    // never opens the sign-up page, which only a click does; with a field
+    // emptied Next is off and Enter is swallowed until it has text again.
+    void loginPage_data()
     {
         QTest::addColumn<QByteArray>("emptied");
-        QTest::newRow("user ID emptied") << QByteArray("userName");
-        QTest::newRow("password emptied") << QByteArray("password");
+        QTest::addColumn<QByteArray>("where");
+        QTest::addColumn<int>("key"); // 0: a click
+        QTest::addColumn<int>("page");
+        const int login = DlrMainWindow::LoginPage, selection = DlrMainWindow::SelectionPage;
+        QTest::newRow("Return in user ID") << QByteArray() << QByteArray("userName") << int(Qt::Key_Return) << selection;
+        QTest::newRow("Enter in password") << QByteArray() << QByteArray("password") << int(Qt::Key_Enter) << selection;
+        QTest::newRow("Return on sign-up")
+            << QByteArray() << QByteArray("needToRegister") << int(Qt::Key_Return) << selection;
+        QTest::newRow("user ID emptied, Enter on sign-up")
+            << QByteArray("userName") << QByteArray("needToRegister") << int(Qt::Key_Enter) << login;
+        QTest::newRow("password emptied, Return in password")
+            << QByteArray("password") << QByteArray("password") << int(Qt::Key_Return) << login;
+        QTest::newRow("click on sign-up") << QByteArray() << QByteArray("needToRegister") << 0 << login;
     }
 
-    void nextFollowsEdits()
+    void loginPage()
     {
         QFETCH(QByteArray, emptied);
-        showWindow();
-        QLineEdit* edit = field(emptied.constData());
-        edit->setFocus();
-        edit->selectAll();
-        QTest::keyClick(edit, Qt::Key_Backspace);
-        QVERIFY(!nextButton()->isEnabled());
-
-        // Enter with an empty field is swallowed: no page change.
-        for (const char* name : {"userName", "password", "needToRegister"}) {
-            QTest::keyClick(window->findChild<QWidget*>(QLatin1String(name)), Qt::Key_Return);
-            QTest::keyClick(window->findChild<QWidget*>(QLatin1String(name)), Qt::Key_Enter);
-            QCOMPARE(window->currentId(), int(DlrMainWindow::LoginPage));
-        }
-        QVERIFY(browser.opened.isEmpty());
-
-        QTest::keyClicks(edit, QStringLiteral("x"));
-        QVERIFY(nextButton()->isEnabled());
-    }
-
-    // Enter goes on exactly like Next, and the credentials are kept as typed.
-    void enterGoesOn_data()
-    {
-        QTest::addColumn<QByteArray>("where");
-        QTest::addColumn<int>("key");
-        QTest::newRow("Return in user ID") << QByteArray("userName") << int(Qt::Key_Return);
-        QTest::newRow("Enter in password") << QByteArray("password") << int(Qt::Key_Enter);
-        QTest::newRow("Return on sign-up button") << QByteArray("needToRegister") << int(Qt::Key_Return);
-    }
-
-    void enterGoesOn()
-    {
         QFETCH(QByteArray, where);
         QFETCH(int, key);
+        QFETCH(int, page);
+        // A local product list, and no Downloads folder: a temporary one serves.
+        dlrApp()->alternateManifestFile = VLUM_SOURCE_DIR "/tests/fixtures/one-offer.xml";
+        QVERIFY(QDir(downloads).removeRecursively());
+        dlrApp()->pass = " s3cret ";
         showWindow();
-        QLineEdit* user = field("userName");
-        user->selectAll();
-        QTest::keyClicks(user, QStringLiteral(" bob "));
-        QTest::keyClick(window->findChild<QWidget*>(QLatin1String(where.constData())), Qt::Key(key));
-        QCOMPARE(window->currentId(), int(DlrMainWindow::SelectionPage));
-        QCOMPARE(dlrApp()->user, QStringLiteral(" bob "));
-        QCOMPARE(dlrApp()->pass, QStringLiteral(" s3cret "));
-        QVERIFY(browser.opened.isEmpty()); // Enter on the sign-up button does not open it
-    }
+        QCOMPARE(field("userName")->text(), "demo");
+        QCOMPARE(field("password")->text(), " s3cret ");
+        QCOMPARE(field("password")->echoMode(), QLineEdit::Password);
+        QTRY_COMPARE(QApplication::focusWidget(), child<QWidget>("needToRegister"));
+        field("userName")->setFocus();
+        window->hide();
+        showWindow(false);
+        QTRY_COMPARE(window->focusWidget(), field("userName"));
 
-    void signUpOpensForum()
-    {
-        showWindow();
-        auto* signUp = window->findChild<QPushButton*>(QStringLiteral("needToRegister"));
-        QTest::mouseClick(signUp, Qt::LeftButton);
+        field("userName")->selectAll();
+        QTest::keyClicks(field("userName"), " bob ");
+        if (!emptied.isEmpty()) {
+            field(emptied)->selectAll();
+            QTest::keyClick(field(emptied), Qt::Key_Backspace);
+            QVERIFY(!window->button(QWizard::NextButton)->isEnabled());
+        }
+        if (key)
+            QTest::keyClick(child<QWidget>(where), Qt::Key(key));
+        else
+            QTest::mouseClick(child<QWidget>(where), Qt::LeftButton);
+        QCOMPARE(window->currentId(), page);
         QCOMPARE(browser.opened,
-                 (QList<QUrl>{QUrl(QStringLiteral("https://www.oktavo.com/forum/register.php?action=signup"))}));
-        QCOMPARE(window->currentId(), int(DlrMainWindow::LoginPage));
+                 key ? QList<QUrl>() : QList<QUrl>{QUrl("https://www.oktavo.com/forum/register.php?action=signup")});
+        if (page == DlrMainWindow::SelectionPage) {
+            QCOMPARE(dlrApp()->user, " bob ");
+            QCOMPARE(dlrApp()->pass, " s3cret ");
+            QCOMPARE(dlrApp()->GetDownloadDir()->path(), QDir::tempPath());
+        } else if (!emptied.isEmpty()) {
+            QTest::keyClicks(field(emptied), "x");
+            QVERIFY(window->button(QWizard::NextButton)->isEnabled());
+        }
     }
 
-    // The finished page in a wizard of its own: Finish alone, then the
-    // success page in the browser and the wizard closes.
-    void finishOpensSuccessPage_data()
+    // Keys order as text, newest last; lookups never add keys. The highest
+    // version and a version's builds are looked up on their own too.
+    void offerTree()
     {
-        QTest::addColumn<QUrl>("successURL");
-        QTest::newRow("default") << QUrl(QStringLiteral("https://www.oktavo.com/view/Install-Success"));
-        QTest::newRow("from the manifest") << QUrl(QStringLiteral("https://shop.example/thanks?run=1"));
+        QList<DlrManifestElement> offers;
+        for (const char* name : {"A-9.1", "B-10.0", "C-22.0", "D-21.3", "E-22.3", "F-23.0", "G-22.0", "H"}) {
+            offers << DlrManifestElement();
+            offers.last().Name = name;
+            offers.last().BuildID = name[0] == 'E' ? "10000000" : "9000000";
+        }
+        OfferTree tree;
+        for (DlrManifestElement& one : offers)
+            tree.InsertOffer(&one);
+        QCOMPARE(tree.GetVersions(), (QStringList{"9", "23", "22", "21", "10", ""}));
+        QCOMPARE(tree.GetHighestVersion(), "9");
+        QCOMPARE(tree.GetBuildsForVersion("22"), (QStringList{"9000000", "10000000"}));
+        QCOMPARE(tree.GetOffersForBuild("22", "9000000"), (QList<DlrManifestElement*>{&offers[2], &offers[6]}));
+        QCOMPARE(OfferTree::GetOffersForBuild(tree["22"], "10000000"), QList<DlrManifestElement*>{&offers[4]});
+        QVERIFY(tree["24"].isEmpty() && tree.GetOffersForBuild("22", "1").isEmpty());
+        QCOMPARE(tree.GetVersions().size(), 6);
     }
 
-    void finishOpensSuccessPage()
+    void rules_data()
     {
-        QFETCH(QUrl, successURL);
-        if (QTest::currentDataTag() != QLatin1String("default"))
-            dlrApp()->successURL = successURL;
-        QCOMPARE(dlrApp()->successURL, successURL);
+        QTest::addColumn<QByteArray>("xml");
+        QTest::addColumn<QStringList>("machine");
+        QTest::addColumn<QList<int>>("chosen");
+        QTest::addColumn<QList<int>>("hidden");
+        const auto row = [](const char* tag, const QByteArray& xml, const QStringList& machine, const QList<int>& chosen,
+                            const QList<int>& hidden) { QTest::newRow(tag) << xml << machine << chosen << hidden; };
+        row("bare machine: newest server and shown offers", kCatalog, {}, {0, 8}, {1, 2, 3, 4, 5, 6, 7, 9, 10});
+        row("Maya 2018: its bridge and the host-agnostic one", kCatalog, {"maya 2018"}, {0, 1, 3, 8},
+            {2, 4, 5, 6, 7, 9, 10});
+        row("Maya 2019 only: no 2018 bridge", kCatalog, {"maya 2019"}, {0, 3, 8}, {1, 2, 4, 5, 6, 7, 9, 10});
+        row("same server build: bridges still offered", kCatalog, {"maya 2018", "vcs 22.0 200000"}, {1, 3, 8},
+            {0, 2, 4, 5, 6, 7, 9, 10});
+        row("newer server build: no bridges", kCatalog, {"maya 2018", "vcs 22.0 300000"}, {8},
+            {0, 1, 2, 3, 4, 5, 6, 7, 9, 10});
+        row("older server build: update and bridges", kCatalog, {"maya 2018", "vcs 22.0 100000"}, {0, 1, 3, 8},
+            {2, 4, 5, 6, 7, 9, 10});
+        row("older major installed: both versions considered", kCatalog, {"maya 2018", "vcs 21.0 50000"},
+            {0, 1, 3, 5, 6, 8}, {2, 4, 7, 9, 10});
+        row("older major current: its missing bridge only", kCatalog, {"maya 2018", "vcs 21.0 100000"},
+            {0, 1, 3, 6, 8}, {2, 4, 5, 7, 9, 10});
+        row("older major with its bridge installed", kCatalog, {"maya 2018", "vcs 21.0 100000", "vfm 21.0 2018 100000"},
+            {0, 1, 3, 8}, {2, 4, 5, 6, 7, 9, 10});
+        row("older major newer than offered", kCatalog, {"maya 2018", "vcs 21.0 150000"}, {0, 1, 3, 8},
+            {2, 4, 5, 6, 7, 9, 10});
+        row("empty manifest", manifest({}), {"maya 2018"}, {}, {});
+        row("no core server: no bridges", manifest({kMaya2018, kMaya2020, kMayaAny}), {"maya 2018"}, {}, {0, 1, 2});
+        row("server without a version is not chosen",
+            manifest({offer("", "Velluma-CoreServer.pkg", "Velluma CoreServer", "200000"), kMayaAny}), {"maya 2018"},
+            {}, {0, 1});
+        row("duplicate offer: the first is chosen", manifest({kCore22, kCore22}), {}, {0}, {1});
+        row("chosen server keeps its place without a URL or size",
+            manifest({offer("22.0", "Velluma-CoreServer-22.0.200000.pkg", "Velluma CoreServer 22.0", "200000",
+                            "automatic", 0, "http://[bad"),
+                      kMayaAny}),
+            {"maya 2018"}, {0, 1}, {});
+        row("names that leave the download folder are never listed",
+            manifest({offer("22.0", "../Velluma-CoreServer-22.0.300000.pkg", "Velluma CoreServer 22.0", "300000"),
+                      offer("22.0", "/tmp/VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show"),
+                      offer("22.0", "sub/VellumaDocs-22.0.pkg", "Velluma Docs", "1", "show"),
+                      offer("22.0", "..", "Velluma Extras", "1", "show"), kCore22}),
+            {}, {4}, {});
+        row("a negative size is unknown",
+            manifest({kCore22, offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show", -5)}),
+            {}, {0}, {});
+    }
 
-        QWizard wizard;
-        wizard.setButtonLayout({QWizard::Stretch, QWizard::BackButton, QWizard::NextButton, QWizard::FinishButton});
-        auto* finished = new DlrFinished(&wizard);
-        wizard.addPage(finished);
-        QTest::ignoreMessage(QtDebugMsg, "Finished!");
-        wizard.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&wizard));
+    // What the rules choose and hide for one manifest on one machine. Each
+    // bridge goes to its host's rule: Katana to the Katana rule (no Katana
+    // is ever surveyed here), an unknown host to none.
+    void rules()
+    {
+        QFETCH(QByteArray, xml);
+        QFETCH(QStringList, machine);
+        QFETCH(QList<int>, chosen);
+        QFETCH(QList<int>, hidden);
+        setMachine(machine);
+        setManifest(xml);
+        if (QTest::currentDataTag() == QByteArray("Maya 2018: its bridge and the host-agnostic one")) {
+            QTest::ignoreMessage(QtDebugMsg, "No katanas present in the assay.");
+            QTest::ignoreMessage(QtDebugMsg, "No auto selection handler for \"Houdini\"");
+        }
+        enterSelection();
+        QCOMPARE(selection()->chosenIndices, chosen);
+        QCOMPARE(selection()->hiddenIndices, hidden);
+        QVERIFY(selection()->isComplete());
+        QCOMPARE(list()->count(), chosen.size());
+    }
 
-        QVERIFY(!wizard.button(QWizard::BackButton)->isVisible());
-        QVERIFY(!wizard.button(QWizard::NextButton)->isVisible());
-        QAbstractButton* finish = wizard.button(QWizard::FinishButton);
-        QVERIFY(finish->isVisible());
-        QVERIFY(finished->findChild<QLabel*>(QStringLiteral("finishArtwork")));
+    // "Show All" lists hidden offers unticked and keeps the user's ticks on
+    // rows that stay; a hidden row that goes out of view is not downloaded.
+    void showAllAndNext()
+    {
+        setMachine({"maya 2018"});
+        setManifest(kCatalog);
+        enterSelection();
+        auto* showAll = child<QCheckBox>("showAll");
+        QVERIFY(showAll->isEnabled());
+        const QStringList first{"[x] Velluma CoreServer 22.0", "[x] Velluma for Maya 2018", "[x] Velluma for Maya",
+                                "[x] Velluma Sample Scenes"};
+        QCOMPARE(rows(), first);
 
-        QTest::mouseClick(finish, Qt::LeftButton);
-        QCOMPARE(browser.opened, QList<QUrl>{successURL});
-        QCOMPARE(wizard.result(), int(QDialog::Accepted));
-        QVERIFY(!wizard.isVisible());
+        tick(1, false);
+        showAll->click();
+        QCOMPARE(rows().size(), 11);
+        QCOMPARE(rows().mid(0, 5), QStringList(first).replaceInStrings("[x] Velluma for Maya 2018",
+                                                                       "[ ] Velluma for Maya 2018")
+                                       << "[ ] Velluma for Maya 2020");
+        tick(4, true); // Maya 2020 bridge, index 2
+        tick(6, true); // 21 server, index 5
+        QVERIFY(selection()->validatePage()); // what Next does, without downloading
+        QCOMPARE(dlrApp()->downloadIndices, (QList<int>{0, 3, 8, 2, 5}));
+
+        window->back();
+        window->next(); // a fresh visit
+        QCOMPARE(rows(), first);
+        showAll->click();
+        tick(4, true);
+        showAll->click();
+        QCOMPARE(rows(), first);
+        QVERIFY(selection()->validatePage());
+        QCOMPARE(dlrApp()->downloadIndices, (QList<int>{0, 1, 3, 8}));
+    }
+
+    // Next stays off while the product list is on its way, though the
+    // survey is done. Next with nothing ticked ends the run with code 0,
+    // whether the list was empty or the user unticked everything.
+    void nothingToInstall_data()
+    {
+        QTest::addColumn<QStringList>("rows");
+        QTest::newRow("empty list") << QStringList();
+        QTest::newRow("all unticked") << QStringList{"[x] Product Core", "[x] Product Docs"};
+    }
+
+    void nothingToInstall()
+    {
+        QFETCH(QStringList, rows);
+        server.serveOffers({});
+        if (!rows.isEmpty())
+            server.serveOffers({{"Core.pkg", 3000, {}}, {"Docs.pkg", 3000, {}}});
+        dlrApp()->manifestUrl += "?delay=1";
+        enterSelection();
+        QVERIFY(selection()->assayDone);
+        QVERIFY(!window->button(QWizard::NextButton)->isEnabled());
+        QSignalSpy complete(selection(), &QWizardPage::completeChanged);
+        QVERIFY(complete.wait(20000));
+        QVERIFY(window->button(QWizard::NextButton)->isEnabled());
+        QCOMPARE(this->rows(), rows);
+        for (int row = 0; row < list()->count(); ++row)
+            tick(row, false);
+        DialogAnswerer user(QMessageBox::Ok);
+        QCOMPARE(WizardDriver::runUntilExit([this] { window->next(); }), 0);
+        QCOMPARE(user.texts, QStringList{"There were no products to install"});
+        QCOMPARE(window->currentId(), int(DlrMainWindow::SelectionPage));
+        QVERIFY(dlrApp()->downloadIndices.isEmpty());
+    }
+
+    // No product list: the reason in a dialog, the network error (if any)
+    // under its details, then the run ends with 1.
+    void noProductList_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<QMessageBox::StandardButton>("tlsAnswer");
+        QTest::addColumn<QString>("reason");
+        QTest::addColumn<QString>("details");
+        QTest::newRow("refused") << QStringList{"--tls", "chain"} << QMessageBox::Ok << "Wrong password" << "";
+        QTest::newRow("TLS refused") << QStringList{"--tls", "self"} << QMessageBox::Cancel
+                                     << "Unknown manifest Validation"
+                                     << DlrNetworkError(QNetworkReply::SslHandshakeFailedError);
+        QTest::newRow("unreachable") << QStringList() << QMessageBox::Ok << "Unknown manifest Validation"
+                                     << DlrNetworkError(QNetworkReply::ConnectionRefusedError);
+    }
+
+    void noProductList()
+    {
+        QFETCH(QStringList, options);
+        QFETCH(QMessageBox::StandardButton, tlsAnswer);
+        QFETCH(QString, reason);
+        QFETCH(QString, details);
+        VendorServer other;
+        other.setUsers({{"demo", "another password"}});
+        QVERIFY(other.start(options));
+        if (options.isEmpty())
+            other.stop(); // its port is closed now
+        WizardDriver::useServer(other);
+        DialogAnswerer answer(tlsAnswer);
+        QCOMPARE(WizardDriver::runUntilExit([this] { enterSelection(); }), 1);
+        QCOMPARE(answer.texts.last(), "Could not get a product list from Oktavo");
+        QCOMPARE(answer.informative.last(), reason);
+        QCOMPARE(answer.details.last(), details);
+        QVERIFY(!selection()->isComplete());
+    }
+
+    // Two ticked packages need twice their size on a 1 MiB file system:
+    // exactly 1 MiB is enough, one byte more is not, and unticking one then
+    // goes on. Neither a negative size nor a sum past 63 bits may bring the
+    // need below what the other package takes.
+    void diskSpace_data()
+    {
+        QTest::addColumn<qint64>("coreSize");
+        QTest::addColumn<qint64>("scenesSize");
+        QTest::addColumn<qint64>("needed"); // 0: enough room
+        QTest::newRow("equal is enough") << qint64(262144) << qint64(262144) << qint64(0);
+        QTest::newRow("one byte short") << qint64(262145) << qint64(262145) << qint64(1048580);
+        QTest::newRow("negative size") << qint64(-600000) << qint64(600000) << qint64(1200000);
+        QTest::newRow("sum past 63 bits")
+            << std::numeric_limits<qint64>::max() << qint64(600000) << std::numeric_limits<qint64>::max();
+    }
+
+    void diskSpace()
+    {
+        QFETCH(qint64, coreSize);
+        QFETCH(qint64, scenesSize);
+        QFETCH(qint64, needed);
+        QTemporaryDir small;
+        const TmpfsMount disk(small.path(), "1m");
+        if (!disk.mounted)
+            QSKIP("a 1 MiB tmpfs cannot be mounted here (needs root)");
+        dlrApp()->downloadDir.reset(new QDir(small.path()));
+        setManifest(manifest({offer("22.0", "Velluma-CoreServer-22.0.1.pkg", "Velluma CoreServer 22.0", "1", "automatic", coreSize),
+                              offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show", scenesSize)}));
+        enterSelection();
+        QCOMPARE(list()->count(), 2);
+        DialogAnswerer user(QMessageBox::Ok);
+        QCOMPARE(selection()->validatePage(), needed == 0);
+        if (needed == 0) {
+            QVERIFY(user.texts.isEmpty());
+            QCOMPARE(dlrApp()->downloadIndices, (QList<int>{0, 1}));
+            return;
+        }
+        QCOMPARE(user.texts, QStringList{"You do not have enough free disk space to download the selected products"});
+        QCOMPARE(user.informative.first(), QStringLiteral("Needed %1 for selected downloads. There is %2 of available space on %3")
+                                               .arg(DlrHumanBytes(needed), DlrHumanBytes(1048576), small.path()));
+        QVERIFY(dlrApp()->downloadIndices.isEmpty());
+        if (coreSize > 262144 * 2)
+            return;
+        tick(1, false);
+        QVERIFY(selection()->validatePage());
+        QCOMPARE(dlrApp()->downloadIndices, QList<int>{0});
+    }
+
+    // Four products share the bar in quarters; a download fills the first
+    // half of its share. A complete package already in Downloads is installed
+    // as it is, never "Downloading". The third one's install is held line by
+    // line: the bar fills the second half of its share by the installer's
+    // percentages, and the label shows its other lines without prefixes or
+    // typographic characters. A ".PKG" is downloaded only.
+    void progressAndLabels()
+    {
+        server.serveOffers({{"A.pkg", 3000, {}}, {"B.pkg", 3000, {}}, {"Gated.pkg", 3000, {}}, {"D.PKG", 3000, {}}});
+        QVERIFY(QFile::copy(server.catalogPath("packages/A.pkg"), downloads + "/A.pkg"));
+        DialogAnswerer nobody(QMessageBox::Ok); // a run without a single question
+        LogWatch log;
+        QStringList shown; // what the page shows the moment a download is done or an install starts
+        log.tap = [&](const QString& line) {
+            if (line.startsWith("Download complete!"))
+                shown << QStringLiteral("%1 %2").arg(bar()->value()).arg(label("downloadAmount"));
+            if (line.startsWith("running installer"))
+                shown << label("downloadStatus");
+        };
+        WizardDriver::enterDownloads(window);
+
+        QTRY_COMPARE_WITH_TIMEOUT(label("downloadStatus"), "Installing Product Gated...", 20000);
+        QCOMPARE(bar()->value(), 625);
+        const QString whole = DlrHumanBytes(3000) + '/' + DlrHumanBytes(3000);
+        QCOMPARE(shown, (QStringList{"0 ", "Download/Installing", "375 " + whole, "Downloading Product B...",
+                                     "625 " + whole, "Downloading Product Gated..."}));
+        openGates("Gated.pkg", 1);
+        QTRY_COMPARE(label("downloadAmount"), "Validating packages");
+        QCOMPARE(bar()->value(), 625);
+        openGates("Gated.pkg", 2);
+        QTRY_COMPARE(bar()->value(), 687); // 625 + 0.5 x 125, truncated
+        QCOMPARE(label("downloadAmount"), "Validating packages");
+        openGates("Gated.pkg", 3);
+        QTRY_COMPARE(label("downloadAmount"), "Running package scripts");
+        openGates("Gated.pkg", 4);
+        QTRY_COMPARE(bar()->value(), 640); // a line with a percentage moves only the bar
+        QCOMPARE(label("downloadAmount"), "Running package scripts");
+        openGates("Gated.pkg", 5);
+
+        waitForFinishedPage();
+        QCOMPARE(bar()->value(), 1000);
+        QCOMPARE(nobody.texts, QStringList());
+        QCOMPARE(installed(), (QStringList{"A.pkg", "B.pkg", "Gated.pkg"}));
+        QCOMPARE(packageRequests("A.pkg"), 0);
+        QVERIFY(log.contains(QStringLiteral("Not running installer on  \"%1/D.PKG\"").arg(downloads)));
+        QCOMPARE(QFileInfo(downloads + "/D.PKG").size(), qint64(3000));
+    }
+
+    // What one read of installer output means: a percentage held to 0..100
+    // moves the bar, one that is no finite number moves nothing, and the
+    // rest is shown without prefixes, typographic characters or what
+    // follows a NUL.
+    void installerLines_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("meaning"); // "bar <fraction>", "text <text>" or "nothing"
+        QTest::newRow("percent") << QByteArray("installer:%42.5\n") << "bar 0.425";
+        QTest::newRow("percent within a status") << QByteArray("installer:STATUS:Copying installer:%12") << "bar 0.12";
+        QTest::newRow("huge percent") << QByteArray("installer:%44444444444") << "bar 1";
+        QTest::newRow("past double range") << "installer:%1" + QByteArray(400, '0') << "nothing";
+        QTest::newRow("negative") << QByteArray("installer:%-5") << "bar 0";
+        QTest::newRow("NaN") << QByteArray("installer:%nan") << "nothing";
+        QTest::newRow("infinity") << QByteArray("installer:%inf") << "nothing";
+        QTest::newRow("two points") << QByteArray("installer:%1.2.3") << "nothing";
+        QTest::newRow("no number") << QByteArray("installer:%") << "nothing";
+        QTest::newRow("phase") << QByteArray("installer:PHASE:Validating packages\n") << "text Validating packages";
+        QTest::newRow("ellipsis dropped") << QByteArray("installer:STATUS:Running scripts\342\200\246") << "text Running scripts";
+        QTest::newRow("NUL ends the text") << QByteArray("installer:STATUS:Done\0installer:%5", 34) << "text Done";
+        QTest::newRow("end report") << QByteArray("installer: The install was successful.") << "text  The install was successful.";
+    }
+
+    void installerLines()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, meaning);
+        const DlrInstallerLine line = DlrReadInstallerLine(bytes);
+        const QString got = line.kind == DlrInstallerLine::Progress ? QStringLiteral("bar %1").arg(line.fraction)
+            : line.kind == DlrInstallerLine::Status                 ? "text " + line.text
+                                                                    : "nothing";
+        QCOMPARE(got, meaning);
+    }
+
+    // Back while a download runs asks first. An end that arrives while the
+    // question is open is kept: a completed download is installed after
+    // Cancel and left alone after OK; a failure is reported after Cancel
+    // and swallowed after OK, now and later. Nothing is fetched twice.
+    void backDuringDownload_data()
+    {
+        QTest::addColumn<QMessageBox::StandardButton>("answer");
+        QTest::addColumn<QString>("whileOpen"); // what happens before the user answers
+        QTest::addColumn<QStringList>("installed");
+        QTest::addColumn<qint64>("kept"); // the package's size in Downloads
+        QTest::addColumn<QStringList>("dialogs"); // after the question
+        QTest::newRow("cancel") << QMessageBox::Cancel << "" << QStringList{"Slow.pkg"} << qint64(300000) << QStringList();
+        QTest::newRow("ok") << QMessageBox::Ok << "" << QStringList() << qint64(0) << QStringList();
+        QTest::newRow("completes, cancel")
+            << QMessageBox::Cancel << "completed" << QStringList{"Slow.pkg"} << qint64(300000) << QStringList();
+        QTest::newRow("completes, ok") << QMessageBox::Ok << "completed" << QStringList() << qint64(300000) << QStringList();
+        QTest::newRow("fails, cancel")
+            << QMessageBox::Cancel << "failed" << QStringList() << qint64(0) << QStringList{"Product download failed"};
+        QTest::newRow("fails, ok") << QMessageBox::Ok << "failed" << QStringList() << qint64(0) << QStringList();
+    }
+
+    void backDuringDownload()
+    {
+        QFETCH(QMessageBox::StandardButton, answer);
+        QFETCH(QString, whileOpen);
+        QFETCH(QStringList, installed);
+        QFETCH(qint64, kept);
+        QFETCH(QStringList, dialogs);
+        const char* faults = whileOpen == "failed" ? "throttle=100000&drop_after=200000" : "throttle=100000";
+        server.serveOffers({{"Slow.pkg", 300000, faults}});
+        LogWatch log;
+        WizardDriver::enterDownloads(window);
+        QTRY_VERIFY(!label("downloadAmount").isEmpty()); // bytes are arriving
+
+        DialogAnswerer user(answer);
+        user.thenAnswer({QMessageBox::Ignore});
+        if (!whileOpen.isEmpty())
+            user.ready = [] { return dlrApp()->downloadReply == nullptr; }; // the engine is done with it
+        backButton()->click();
+        QVERIFY(whileOpen.isEmpty() || log.contains("Download " + whileOpen + " while in the back dialog"));
+        if (answer == QMessageBox::Ok) {
+            QCOMPARE(window->currentId(), int(DlrMainWindow::SelectionPage));
+            QVERIFY(window->button(QWizard::BackButton)->isVisible() && !backButton()->isVisible());
+            QTest::qWait(300); // a failure report must not surface later
+        } else {
+            waitForFinishedPage();
+        }
+        QCOMPARE(user.texts, QStringList{"Download In Progress. Really go back?"} + dialogs);
+        QCOMPARE(user.informative.value(0), "Pressing Ok will stop this download of Product Slow. "
+                                            "Press Cancel to resume download and installation");
+        QCOMPARE(this->installed(), installed);
+        QCOMPARE(QFileInfo(downloads + "/Slow.pkg").size(), kept);
+        QCOMPARE(packageRequests("Slow.pkg"), 1);
+    }
+
+    // While an installation runs, Back cannot stop it: OK means "go back
+    // once it is done", Cancel changes nothing, and an end that came while
+    // the question was open is handled after the answer. A process object
+    // that reports a crash or a negative code gets a dialog with the code,
+    // a plain failure code none; either way the run goes on.
+    void duringInstall_data()
+    {
+        QTest::addColumn<QMessageBox::StandardButton>("answer"); // NoButton: no Back, the process object ends
+        QTest::addColumn<bool>("endsWhileOpen");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QProcess::ExitStatus>("exitStatus");
+        QTest::addColumn<QStringList>("dialogs");
+        const auto row = [](const char* tag, QMessageBox::StandardButton answer, bool endsWhileOpen, int exitCode,
+                            QProcess::ExitStatus exitStatus, const QStringList& dialogs) {
+            QTest::newRow(tag) << answer << endsWhileOpen << exitCode << exitStatus << dialogs;
+        };
+        const QStringList back{"A Product Install Is In Progress"};
+        row("back, ok", QMessageBox::Ok, false, 0, QProcess::NormalExit, back);
+        row("back, cancel", QMessageBox::Cancel, false, 0, QProcess::NormalExit, back);
+        row("back, ends, ok", QMessageBox::Ok, true, 0, QProcess::NormalExit, back);
+        row("back, ends, cancel", QMessageBox::Cancel, true, 0, QProcess::NormalExit, back);
+        row("failure code", QMessageBox::NoButton, false, 1, QProcess::NormalExit, {});
+        row("crash", QMessageBox::NoButton, false, 9, QProcess::CrashExit, {"Installer exited with err. Exit code: 9"});
+        row("negative code", QMessageBox::NoButton, false, -2, QProcess::NormalExit,
+            {"Installer exited with err. Exit code: -2"});
+    }
+
+    void duringInstall()
+    {
+        QFETCH(QMessageBox::StandardButton, answer);
+        QFETCH(bool, endsWhileOpen);
+        QFETCH(int, exitCode);
+        QFETCH(QProcess::ExitStatus, exitStatus);
+        QFETCH(QStringList, dialogs);
+        server.serveOffers({{"Gated.pkg", 1000, {}}, {"After.pkg", 1000, {}}});
+        LogWatch log;
+        WizardDriver::enterDownloads(window);
+        QTRY_COMPARE_WITH_TIMEOUT(label("downloadStatus"), "Installing Product Gated...", 20000);
+        DialogAnswerer user(answer == QMessageBox::NoButton ? QMessageBox::Ok : answer);
+        if (answer == QMessageBox::NoButton) {
+            download()->installerFinished(exitCode, exitStatus); // as a process object that knows its exit would
+            waitForFinishedPage();
+            QCOMPARE(installed(), QStringList{"After.pkg"}); // the abandoned script still waits
+        } else {
+            if (endsWhileOpen) {
+                user.ready = [&] {
+                    openGates("Gated.pkg");
+                    return log.contains("Installer finished while waiting for user input");
+                };
+            }
+            backButton()->click();
+            QCOMPARE(user.informative, QStringList{"Once Product Gated is installed the Velluma Installer will go back"});
+            QVERIFY(endsWhileOpen || window->currentId() == DlrMainWindow::DownloadPage); // the install goes on
+        }
+        QCOMPARE(user.texts, dialogs);
+        openGates("Gated.pkg");
+        if (answer == QMessageBox::Ok) {
+            QTRY_COMPARE(window->currentId(), int(DlrMainWindow::SelectionPage));
+            QCOMPARE(installed(), QStringList{"Gated.pkg"});
+            QTest::qWait(200);
+            QCOMPARE(packageRequests("After.pkg"), 0);
+        } else {
+            waitForFinishedPage();
+            // Cancel: the next one after it; an abandoned script ends last.
+            const QStringList order = answer == QMessageBox::Cancel ? QStringList{"Gated.pkg", "After.pkg"}
+                                                                     : QStringList{"After.pkg", "Gated.pkg"};
+            QTRY_COMPARE(installed(), order);
+        }
+    }
+
+    // While-you-wait pictures run from 1 up, skip what is missing, and
+    // start over after the last (the bundle has 1 to 4; the page showed 1).
+    void whileYouWaitPictures()
+    {
+        window.reset(new DlrMainWindow);
+        QList<int> shown;
+        for (int pick = 0; pick < 6; ++pick) {
+            download()->nextWhileUWait();
+            const QImage image = child<QLabel>("downloadArtwork")->pixmap(Qt::ReturnByValue).toImage();
+            for (int n = 1; n <= 19; ++n) {
+                if (image == dlrApp()->LoadPixmapResource(qPrintable(QStringLiteral("whileUWait-%1.png").arg(n))).toImage())
+                    shown << n;
+            }
+        }
+        QCOMPARE(shown, (QList<int>{2, 3, 4, 1, 2, 3}));
+    }
+
+    // A bundle without a usable package installer: the survey says why
+    // nothing can be installed. Cancel leaves with -1; OK means download
+    // only: the package is fetched, not handed to the helper (whose failure
+    // would ask a second question), and the page says so.
+    void withoutInstaller_data()
+    {
+        QTest::addColumn<QMessageBox::StandardButton>("answer");
+        QTest::newRow("cancel") << QMessageBox::Cancel;
+        QTest::newRow("ok") << QMessageBox::Ok;
+    }
+
+    void withoutInstaller()
+    {
+        QFETCH(QMessageBox::StandardButton, answer);
+        const QString script = DlrPlatform::PackageInstallerProgram();
+        QVERIFY(QFile::setPermissions(script, QFileDevice::ReadOwner | QFileDevice::WriteOwner));
+        const auto restore = qScopeGuard([&script] {
+            QFile::setPermissions(script, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        });
+        server.serveOffers({{"Only.pkg", 2000, {}}});
+        DialogAnswerer user(answer);
+        if (answer == QMessageBox::Cancel) {
+            QCOMPARE(WizardDriver::runUntilExit([this] { enterSelection(); }), -1);
+            QVERIFY(!selection()->isComplete());
+            QCOMPARE(list()->count(), 0);
+        } else {
+            WizardDriver::enterDownloads(window);
+            waitForFinishedPage();
+            QCOMPARE(QFileInfo(downloads + "/Only.pkg").size(), qint64(2000));
+            QCOMPARE(label("downloadStatus"), "Product Only was downloaded but not installed");
+        }
+        QCOMPARE(user.texts, QStringList{"Cannot complete the installation on this machine"});
+        QCOMPARE(user.informative, QStringList{"The package installer " + script + " is missing. Press OK to conitue "
+                                               "download only or Cancel to exit this application"});
+    }
+
+    // A run that ends while the page is being entered (its one product is
+    // on disk and is no package) lands on the finished page with only
+    // Finish, not with this page's buttons.
+    void runEndsOnEntry()
+    {
+        server.serveOffers({{"Notes.zip", 500, {}}});
+        QVERIFY(QFile::copy(server.catalogPath("packages/Notes.zip"), downloads + "/Notes.zip"));
+        WizardDriver::enterDownloads(window);
+        waitForFinishedPage();
+        QVERIFY(window->button(QWizard::FinishButton)->isVisible());
+        QVERIFY(!backButton()->isVisible() && !window->button(QWizard::BackButton)->isVisible());
+    }
+
+    // The engine refuses to start the page's download (here it is busy
+    // with another): the user is told, and the run ends with 0.
+    void downloadCannotStart()
+    {
+        server.serveOffers({{"Busy.pkg", 400000, "throttle=100000"}, {"Mine.pkg", 1000, {}}});
+        WizardDriver::enterSelection(window);
+        QVERIFY(dlrApp()->DownloadProduct(0));
+        // The page goes first, so that the abort's failure report finds no one.
+        const auto stop = qScopeGuard([this] {
+            window.reset();
+            if (dlrApp()->downloadReply)
+                dlrApp()->downloadReply->abort();
+        });
+        DialogAnswerer user(QMessageBox::Ok);
+        QCOMPARE(WizardDriver::runUntilExit([this] { window->next(); }), 0);
+        QCOMPARE(user.texts, QStringList{"There Was An Error Downloading"});
+        QCOMPARE(user.informative, QStringList{"While processingProduct Busy. If this error persists contact "
+                                               "customer support. Press Ok to exit the application"});
     }
 };
 
+// The suite runs in a copy of this program in a bundle of its own making:
+// Resources and the profiler are links to the real bundle's, and the
+// package installer is the gated script.
 int main(int argc, char** argv)
 {
-    // The selection page reads a local product list: no request leaves the
-    // machine.
-    return runWithDlrApp<TestWizard>(argc, argv, {"-user", "alice", "-pass", " s3cret ", "-manifest",
-                                                  VLUM_SOURCE_DIR "/tests/fixtures/one-offer.xml"});
+    if (qEnvironmentVariableIsSet("VLUM_SCRIPTED_BUNDLE"))
+        return runWithDlrApp<TestWizard>(argc, argv, {"-user", "demo", "-pass", "velluma"});
+    QCoreApplication app(argc, argv);
+    QTemporaryDir bundle;
+    const QString real = app.applicationDirPath() + "/..", copy = bundle.filePath("tests/tst_wizard");
+    QFile script(bundle.filePath("libexec/installer"));
+    if (!QDir().mkpath(bundle.filePath("tests")) || !QDir().mkpath(bundle.filePath("libexec"))
+        || !QFile::copy(app.applicationFilePath(), copy) || !QFile::link(real + "/Resources", bundle.filePath("Resources"))
+        || !QFile::link(real + "/libexec/system_profiler", bundle.filePath("libexec/system_profiler"))
+        || !script.open(QIODevice::WriteOnly) || script.write(kInstaller) < 0
+        || !script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner)) {
+        qCritical("could not make the scripted bundle in %s", qPrintable(bundle.path()));
+        return 1;
+    }
+    script.close();
+    qputenv("VLUM_SCRIPTED_BUNDLE", "1");
+    return QProcess::execute(copy, app.arguments().mid(1));
 }
+
 #include "tst_wizard.moc"
