@@ -28,9 +28,9 @@
 
 #include <csignal>
 
-using Replacements = QList<QPair<QString, QString>>;
-
 namespace {
+
+using Replacements = QList<QPair<QString, QString>>;
 
 // The demo catalog's three offers for a machine with Maya 2018, and where each lands.
 const QString kCore = QStringLiteral("Velluma-CoreServer-22.0.1234.pkg");
@@ -39,6 +39,16 @@ const QString kScenes = QStringLiteral("VellumaSampleScenes-22.0_1234.pkg");
 const QString kCoreFolder = QStringLiteral("Velluma CoreServer 22.0");
 const QString kBridgeFolder = QStringLiteral("VellumaForMaya-22.0-maya2018");
 const QString kScenesFolder = QStringLiteral("Velluma Sample Scenes 22.0");
+
+// The demo manifest's address of a package, with the server's fault switches added.
+Replacements faulty(const QString& package, const QString& switches)
+{
+    return {{"/packages/" + package + "<", "/packages/" + package + "?" + switches.toHtmlEscaped() + "<"}};
+}
+
+// The "show" offer's package replaced by one with the right name that is not an archive.
+const Replacements kCorrupt{{"/packages/" + kScenes, "/packages/corrupt.pkg"},
+                            {"@SIZE:" + kScenes + "@", "@SIZE:corrupt.pkg@"}};
 
 QByteArray contents(const QString& path)
 {
@@ -171,12 +181,10 @@ class TestFaults : public QObject
     // platform plug-in named, since the mode must not need one.
     ChildRun runUnattended(const VendorServer& from, const QStringList& options, const QStringList& env = {}) const
     {
-        return runChild(QStringLiteral(VLUM_INSTALLER),
-                        QStringList{QStringLiteral("-unattended"), QStringLiteral("-manifestserver"),
-                                    QStringLiteral("127.0.0.1:%1").arg(from.port), QStringLiteral("-manifestserverscheme"),
-                                    QStringLiteral("https"), QStringLiteral("-user"), QStringLiteral("demo")}
-                            + options,
-                        QDir::homePath(), env + QStringList{QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("XDG_RUNTIME_DIR=") + work.path()});
+        const QStringList args{"-unattended", "-manifestserver", QStringLiteral("127.0.0.1:%1").arg(from.port),
+                               "-manifestserverscheme", "https", "-user", "demo"};
+        return runChild(QStringLiteral(VLUM_INSTALLER), args + options, QDir::homePath(),
+                        env + QStringList{"QT_QPA_PLATFORM", "XDG_RUNTIME_DIR=" + work.path()});
     }
 
     // The helper runs the bundle's own installer, into the machine,
@@ -337,23 +345,21 @@ private slots:
         QTest::addColumn<QString>("lastLabel"); // what the page says as the last installer ends
 
         const QString ok = QStringLiteral(" The install was successful.");
+        const QStringList failed{"Product download failed"};
         // Retry continues the broken part from where it stopped.
         QTest::newRow("connection dropped: Retry")
-            << Replacements{{"/packages/" + kCore + "<", "/packages/" + kCore + "?drop_after=3000000&amp;fault_times=1<"}}
-            << int(QMessageBox::Retry) << 0 << QStringList{"Product download failed"}
+            << faulty(kCore, "drop_after=3000000&fault_times=1") << int(QMessageBox::Retry) << 0 << failed
             << QStringList{kCoreFolder, kScenesFolder, kBridgeFolder} << QStringList{kCore, kBridge, kScenes} << ok;
         QTest::newRow("missing package: Ignore goes on")
-            << Replacements{{"/packages/" + kBridge + "<", "/packages/" + kBridge + "?status=404<"}} << int(QMessageBox::Ignore)
-            << 0 << QStringList{"Product download failed"} << QStringList{kCoreFolder, kScenesFolder}
-            << QStringList{kCore, kBridge + ".vlumdownload", kScenes} << ok;
+            << faulty(kBridge, "status=404") << int(QMessageBox::Ignore) << 0 << failed
+            << QStringList{kCoreFolder, kScenesFolder} << QStringList{kCore, kBridge + ".vlumdownload", kScenes} << ok;
         // Abort ends the run at once with -1; nothing more is fetched or installed.
         QTest::newRow("failed download: Abort")
-            << Replacements{{"/packages/" + kCore + "<", "/packages/" + kCore + "?drop_after=1000<"}} << int(QMessageBox::Abort)
-            << -1 << QStringList{"Product download failed"} << QStringList() << QStringList{kCore + ".vlumdownload"} << QString();
+            << faulty(kCore, "drop_after=1000") << int(QMessageBox::Abort) << -1 << failed << QStringList()
+            << QStringList{kCore + ".vlumdownload"} << QString();
         // The installer refuses it; until the installer has ended the label shows its error line.
         QTest::newRow("corrupt package: the others installed")
-            << Replacements{{"/packages/" + kScenes, "/packages/corrupt.pkg"}, {"@SIZE:" + kScenes + "@", "@SIZE:corrupt.pkg@"}}
-            << int(QMessageBox::Ok) << 0 << QStringList() << QStringList{kCoreFolder, kBridgeFolder}
+            << kCorrupt << int(QMessageBox::Ok) << 0 << QStringList() << QStringList{kCoreFolder, kBridgeFolder}
             << QStringList{kCore, kBridge, kScenes} << QStringLiteral(" Error - ");
     }
 
@@ -373,7 +379,7 @@ private slots:
         QString label;
         log.tap = [&](const QString& line) {
             if (line.startsWith(QLatin1String("Installer finished")))
-                label = window->page(DlrMainWindow::DownloadPage)->findChild<QLabel*>(QStringLiteral("downloadAmount"))->text();
+                label = window->page(DlrMainWindow::DownloadPage)->findChild<QLabel*>("downloadAmount")->text();
         };
         if (exitCode == 0) {
             WizardDriver::enterDownloads(window);
@@ -407,8 +413,8 @@ private slots:
         WizardDriver::enterDownloads(window);
         waitForFinishedPage();
         QVERIFY(!helper.IsRunning());
-        QCOMPARE(user.texts, (QStringList{"Could not start installer process for Velluma for Maya 2018, skipping to next product",
-                                          "Could not start installer process for Velluma Sample Scenes, skipping to next product"}));
+        const QString skipped = QStringLiteral("Could not start installer process for %1, skipping to next product");
+        QCOMPARE(user.texts, (QStringList{skipped.arg("Velluma for Maya 2018"), skipped.arg("Velluma Sample Scenes")}));
         QCOMPARE(installed(), QStringList{kCoreFolder});
         table << QStringLiteral("| helper killed (SIGKILL) during an installation | 1 | %1 | nothing; the running install "
                                 "finished, the next run installed the skipped ones from the packages already downloaded |")
@@ -450,16 +456,14 @@ private slots:
             << pass << Replacements{} << false << 1 << QStringList{}
             << "^tls: refused the server.s certificate: .";
         QTest::newRow("corrupt package: the others still installed")
-            << pass
-            << Replacements{{"/packages/" + kScenes, "/packages/corrupt.pkg"}, {"@SIZE:" + kScenes + "@", "@SIZE:corrupt.pkg@"}}
-            << true << 4 << QStringList{kCoreFolder, kBridgeFolder}
+            << pass << kCorrupt << true << 4 << QStringList{kCoreFolder, kBridgeFolder}
             << "^install: Velluma Sample Scenes: failed: .";
         QTest::newRow("download that never succeeds: 3 retries, then skipped")
-            << pass << Replacements{{"/packages/" + kBridge + "<", "/packages/" + kBridge + "?status=404<"}} << true << 3
-            << QStringList{kCoreFolder, kScenesFolder} << "^download: Velluma for Maya 2018: failed: .*skipped after 3 retries$";
+            << pass << faulty(kBridge, "status=404") << true << 3 << QStringList{kCoreFolder, kScenesFolder}
+            << "^download: Velluma for Maya 2018: failed: .*skipped after 3 retries$";
         QTest::newRow("slow download: a progress line a second")
-            << pass << Replacements{{"/packages/" + kScenes + "<", "/packages/" + kScenes + "?throttle=2000000<"}} << true << 0
-            << all << "^download: Velluma Sample Scenes: [0-9.]+MB of [0-9.]+MB \\([0-9]+%\\)$";
+            << pass << faulty(kScenes, "throttle=2000000") << true << 0 << all
+            << "^download: Velluma Sample Scenes: [0-9.]+MB of [0-9.]+MB \\([0-9]+%\\)$";
         QTest::newRow("not enough free space")
             << pass << Replacements{{"@SIZE:" + kScenes + "@", "4611686018427387904"}} << true << 2 << QStringList{}
             << "^error: You do not have enough free disk space to download the selected products\\. Needed ";
@@ -535,8 +539,8 @@ private slots:
 
         const QString reason = DlrNetworkError(QNetworkReply::RemoteHostClosedError);
         QCOMPARE(user.texts.count(QStringLiteral("Product download failed")), offsets.size());
-        QCOMPARE(user.informative.count(reason + QStringLiteral(". Press Abort to exit, Retry or Ignore to try the next product")),
-                 offsets.size());
+        const QString retry = QStringLiteral(". Press Abort to exit, Retry or Ignore to try the next product");
+        QCOMPARE(user.informative.count(reason + retry), offsets.size());
         QVERIFY2(incomplete.isEmpty(), qPrintable(incomplete.join(QLatin1Char(' '))));
         QStringList names;
         qint64 refetched = 0;
@@ -594,7 +598,8 @@ private slots:
 
         QVERIFY(filled);
         QCOMPARE(user.texts, QStringList{"Product download failed"});
-        const QString reason = QStringLiteral("Could not write %1/%2.vlumdownload: No space left on device").arg(downloads, name);
+        const QString reason = QStringLiteral("Could not write %1/%2.vlumdownload: No space left on device")
+                                   .arg(downloads, name);
         QCOMPARE(user.informative.value(0).section(QStringLiteral(". Press Abort"), 0, 0), reason);
         QVERIFY(finalAtFailure.isEmpty());
         QVERIFY2(kept > 0 && kept <= 256 << 10, qPrintable(QString::number(kept)));
@@ -707,7 +712,8 @@ private slots:
             bool whole = false;
             bool samePieces = true;
             // The readers' complaints about each damaged document stay out of the output.
-            const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+            const QtMessageHandler previous =
+                qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
             if (manifest) {
                 QList<DlrManifestElement> offers;
                 QUrl success;
