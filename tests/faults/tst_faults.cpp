@@ -1,41 +1,54 @@
-// The faults a user meets, each tried against the real parts: the wizard in
-// this process, the local vendor server, the helper and the installer. Each
-// fault is one row of a table printed at the end: what was tried, how many
-// times, what the user saw and what was lost.
+// The whole program against the real parts, as a user and an administrator's
+// script meet it: the demo catalog's real packages from the real local vendor
+// server, installed by the real installer through the real helper into a
+// temporary machine, which the real survey then reads back; then each fault
+// a user meets. The wizard runs in this process, the unattended program as a
+// child process. The faults of the table printed at the end each give one
+// row: what was tried, how many times, what the user saw and what was lost.
 
+#include "../assay/RecordText.h"
 #include "../support/ChildRun.h"
 #include "../support/DialogAnswerer.h"
 #include "../support/HelperProcess.h"
 #include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
+#include "../support/UrlCatcher.h"
 #include "../support/VendorServer.h"
 #include "../support/WizardDriver.h"
 
-#include "DlrMachineAssay.h"
 #include "DlrManifestHandler.h"
 #include "DlrNetworkError.h"
 #include "DlrProfileReader.h"
 
+#include <QDesktopServices>
+#include <QJsonDocument>
+#include <QLabel>
+#include <QProgressBar>
 #include <QRandomGenerator>
-#include <QRegularExpression>
 
 #include <csignal>
-#include <memory>
 
 namespace {
 
-struct Row {
-    QString fault;
-    int tries;
-    QString saw;
-    QString lost;
-};
-QList<Row> table;
+using Replacements = QList<QPair<QString, QString>>;
 
-QString downloads()
+// The demo catalog's three offers for a machine with Maya 2018, and where each lands.
+const QString kCore = QStringLiteral("Velluma-CoreServer-22.0.1234.pkg");
+const QString kBridge = QStringLiteral("VellumaForMaya-22.0-maya2018_1234.pkg");
+const QString kScenes = QStringLiteral("VellumaSampleScenes-22.0_1234.pkg");
+const QString kCoreFolder = QStringLiteral("Velluma CoreServer 22.0");
+const QString kBridgeFolder = QStringLiteral("VellumaForMaya-22.0-maya2018");
+const QString kScenesFolder = QStringLiteral("Velluma Sample Scenes 22.0");
+
+// The demo manifest's address of a package, with the server's fault switches added.
+Replacements faulty(const QString& package, const QString& switches)
 {
-    return QDir::homePath() + QStringLiteral("/Downloads");
+    return {{"/packages/" + package + "<", "/packages/" + package + "?" + switches.toHtmlEscaped() + "<"}};
 }
+
+// The "show" offer's package replaced by one with the right name that is not an archive.
+const Replacements kCorrupt{{"/packages/" + kScenes, "/packages/corrupt.pkg"},
+                            {"@SIZE:" + kScenes + "@", "@SIZE:corrupt.pkg@"}};
 
 QByteArray contents(const QString& path)
 {
@@ -113,31 +126,6 @@ DlrProfileFacts readProfile(const QByteArray& doc, int piece)
     });
 }
 
-// While it lives the readers' complaints about each damaged document stay
-// out of the output.
-class Quiet
-{
-public:
-    Quiet() : previous(qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {})) {}
-    ~Quiet() { qInstallMessageHandler(previous); }
-
-private:
-    QtMessageHandler previous;
-};
-
-// Each text once, with how often it came when more than once.
-QString counted(const QStringList& texts)
-{
-    QStringList distinct;
-    for (const QString& text : texts) {
-        const int times = texts.count(text);
-        const QString entry = times > 1 ? QStringLiteral("%1 (x%2)").arg(text).arg(times) : text;
-        if (!distinct.contains(entry))
-            distinct << entry;
-    }
-    return distinct.join(QStringLiteral("; "));
-}
-
 } // namespace
 
 class TestFaults : public QObject
@@ -145,24 +133,68 @@ class TestFaults : public QObject
     Q_OBJECT
 
     QTemporaryDir work;
-    QString machine; // the install root; products land in its opt/Oktavo
-    VendorServer server;
+    QString machine; // the install root, with one Maya 2018; products land in its opt/Oktavo
+    QString productRoot;
+    QString downloads;
+    QString catalog; // the demo catalog as built
+    QStringList table;
+    VendorServer server;        // the catalog over TLS with its own root, as the demo serves it
+    VendorServer unknownIssuer; // a certificate the user would be asked about
+    HelperProcess helper;
+    UrlCatcher browser;
     QScopedPointer<DlrMainWindow> window;
+    int requestsBefore = 0;
+
+    void serve(const Replacements& replacements = {})
+    {
+        QByteArray xml = contents(catalog + QStringLiteral("/manifest.xml"));
+        for (const auto& replacement : replacements)
+            xml.replace(replacement.first.toUtf8(), replacement.second.toUtf8());
+        server.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
+        unknownIssuer.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
+    }
 
     void waitForFinishedPage()
     {
         QTRY_COMPARE_WITH_TIMEOUT(window->currentId(), int(DlrMainWindow::FinishedPage), 60000);
     }
 
-    // The Range header of each request for a package, in order.
-    QStringList rangesAsked(const QString& name) const
+    // The Range header of each request of this test for `path`, or for
+    // every path under it when it ends with '/'.
+    QStringList requested(const QString& path) const
     {
         QStringList ranges;
-        for (const QJsonObject& request : server.requests()) {
-            if (request.value(QStringLiteral("path")).toString() == QStringLiteral("/packages/") + name)
+        for (const QJsonObject& request : server.requests().mid(requestsBefore)) {
+            const QString got = request.value(QStringLiteral("path")).toString();
+            if (path.endsWith(QLatin1Char('/')) ? got.startsWith(path) : got == path)
                 ranges << request.value(QStringLiteral("headers")).toObject().value(QStringLiteral("Range")).toString();
         }
         return ranges;
+    }
+
+    QStringList installed() const
+    {
+        return QDir(productRoot).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    }
+
+    // The unattended program on this machine, as a script runs it: no
+    // platform plug-in named, since the mode must not need one.
+    ChildRun runUnattended(const VendorServer& from, const QStringList& options, const QStringList& env = {}) const
+    {
+        const QStringList args{"-unattended", "-manifestserver", QStringLiteral("127.0.0.1:%1").arg(from.port),
+                               "-manifestserverscheme", "https", "-user", "demo"};
+        return runChild(QStringLiteral(VLUM_INSTALLER), args + options, QDir::homePath(),
+                        env + QStringList{"QT_QPA_PLATFORM", "XDG_RUNTIME_DIR=" + work.path()});
+    }
+
+    // The helper runs the bundle's own installer, into the machine,
+    // trusting the demo key as the demo does. Paced, so that an
+    // installation is still running when helperKilled() kills it.
+    bool startHelper()
+    {
+        return helper.Start(QStringLiteral(VLUM_HELPER),
+                            {QStringLiteral("--trusted-keys"), QStringLiteral(VLUM_TRUSTED_DEMO_KEYS)},
+                            {QStringLiteral("VLUM_INSTALL_ROOT=") + machine, QStringLiteral("VLUM_INSTALLER_PACE=0.2")});
     }
 
     // The wizard from the login page to the product list (0) or to the
@@ -185,35 +217,292 @@ private slots:
     void initTestCase()
     {
         QVERIFY(work.isValid());
-        std::signal(SIGXFSZ, SIG_IGN); // for the file-size limit
-        machine = work.filePath(QStringLiteral("machine"));
-        QVERIFY(QDir().mkpath(machine));
         // The survey reads its roots once per process.
-        qputenv("VLUM_PRODUCT_ROOT", QFile::encodeName(machine + QStringLiteral("/opt/Oktavo")));
+        machine = work.filePath(QStringLiteral("machine"));
+        productRoot = machine + QStringLiteral("/opt/Oktavo");
+        downloads = QDir::homePath() + QStringLiteral("/Downloads");
+        QVERIFY(QDir().mkpath(machine + QStringLiteral("/usr/autodesk/maya2018")));
+        qputenv("VLUM_PRODUCT_ROOT", QFile::encodeName(productRoot));
         qputenv("VLUM_MAYA_ROOT", QFile::encodeName(machine + QStringLiteral("/usr/autodesk")));
         qunsetenv("VLUM_SYSTEM_PROFILER");
+        qunsetenv("VLUMTREE");
+        qunsetenv("VWSTREE");
+
+        catalog = work.filePath(QStringLiteral("catalog"));
+        const ChildRun made = runChild(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-demo-catalog"),
+                                       {QStringLiteral("--sign-key"), QStringLiteral(VLUM_DEMO_KEY), catalog}, work.path());
+        QVERIFY2(made.exitCode == 0, made.err.constData());
+        const QDir packages(catalog + QStringLiteral("/packages"));
+        for (const QString& name : packages.entryList(QDir::Files))
+            QVERIFY(QFile::copy(packages.filePath(name), server.catalogPath(QStringLiteral("packages/") + name)));
+        server.writePackage(QStringLiteral("corrupt.pkg"), 5000); // the right name, not an archive
         QVERIFY(server.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
+        QVERIFY(unknownIssuer.start({QStringLiteral("--tls"), QStringLiteral("ca")}));
+        QVERIFY(startHelper());
+        qputenv("VLUM_HELPER_SOCKET", QFile::encodeName(helper.SocketPath()));
+        QDesktopServices::setUrlHandler(QStringLiteral("https"), &browser, "open");
     }
 
     void init()
     {
-        QVERIFY(QDir(downloads()).removeRecursively() && QDir().mkpath(downloads()));
+        QVERIFY(QDir(productRoot).removeRecursively() && QDir().mkpath(productRoot));
+        QVERIFY(QDir(downloads).removeRecursively() && QDir().mkpath(downloads));
+        serve();
         WizardDriver::useServer(server);
+        browser.opened.clear();
+        requestsBefore = server.requests().size();
     }
 
     void cleanup() { window.reset(); }
 
     void cleanupTestCase()
     {
+        QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
         qInfo("| Fault | Tries | What the user saw | What was lost |");
         qInfo("|---|---|---|---|");
-        for (const Row& row : qAsConst(table))
-            qInfo("| %s | %d | %s | %s |", qPrintable(row.fault), row.tries, qPrintable(row.saw), qPrintable(row.lost));
+        for (const QString& row : qAsConst(table))
+            qInfo("%s", qPrintable(row));
+    }
+
+    // The mission: the rules pick the core server, the bridge for the Maya
+    // the machine has and the "show" offer; each lands whole under its
+    // final name, is installed, and the bar ends at 3 x 333. Finish opens
+    // the manifest's success page and ends the run with 0. A second run
+    // finds what the first installed and offers only the "show" offer,
+    // which the survey cannot see.
+    void wholeRun()
+    {
+        const auto chosen = [] {
+            QStringList names;
+            for (int index : qAsConst(dlrApp()->downloadIndices))
+                names << dlrApp()->manifest.at(index).Name;
+            return names;
+        };
+        WizardDriver::enterDownloads(window);
+        QCOMPARE(chosen(), (QStringList{kCore, kBridge, kScenes}));
+        waitForFinishedPage();
+        QCOMPARE(window->page(DlrMainWindow::DownloadPage)->findChild<QProgressBar*>()->value(), 999);
+        QCOMPARE(QDir(downloads).entryList(QDir::Files, QDir::Name), (QStringList{kCore, kBridge, kScenes}));
+        for (const QString& package : {kCore, kBridge, kScenes})
+            QVERIFY2(contents(downloads + QLatin1Char('/') + package) == server.package(package), qPrintable(package));
+        QCOMPARE(installed(), (QStringList{kCoreFolder, kScenesFolder, kBridgeFolder}));
+        QVERIFY(QFileInfo(productRoot + QLatin1Char('/') + kCoreFolder + QStringLiteral("/bin/vlrender")).isExecutable());
+        QCOMPARE(WizardDriver::runUntilExit([this] { window->button(QWizard::FinishButton)->click(); }), 0);
+        QCOMPARE(browser.opened, QList<QUrl>{server.url(QStringLiteral("view/Install-Success"))});
+
+        WizardDriver::enterDownloads(window);
+        QCOMPARE(chosen(), QStringList{kScenes});
+        waitForFinishedPage();
+        QCOMPARE(requested(QStringLiteral("/packages/") + kScenes).size(), 1); // the first run's
+    }
+
+    // Catches a demo whose installed products the survey would not know: a
+    // folder off the family patterns, a banner on the wrong stream or
+    // without its build, a missing plug-in bundle or build-id file, a
+    // package the installer refuses.
+    void demoProductsFound()
+    {
+        const QDir packages(catalog + QStringLiteral("/packages"));
+        for (const QString& file : packages.entryList({QStringLiteral("*.pkg")}, QDir::Files)) {
+            const ChildRun run = runChild(QStringLiteral(VLUM_LIBEXEC_DIR "/installer"),
+                                          {"-verboseR", "-target", "/", "-package", packages.filePath(file)}, work.path(),
+                                          {QStringLiteral("VLUM_INSTALL_ROOT=") + machine,
+                                           QStringLiteral("VLUM_TRUSTED_KEYS=" VLUM_TRUSTED_DEMO_KEYS)});
+            QVERIFY2(run.exitCode == 0 && run.out.contains("installer:STATUS:Signature verified")
+                         && run.out.endsWith("installer: The install was successful.\n"),
+                     qPrintable(file + QLatin1Char(' ') + QString::fromUtf8(run.out.right(300))));
+        }
+        const auto survey = [this] {
+            dlrApp()->DoAssay();
+            QStringList records;
+            for (const AssayedProduct& product : dlrApp()->assay->FindAssayedProductByVersion(QString(), QString()))
+                records << recordText(product).replace(productRoot, QStringLiteral("~"));
+            records.sort(); // folders come in file-system order
+            return records;
+        };
+        const QStringList found{
+            "Maya|2018|||",
+            "Velluma 22.0 for Maya 2018|22.0|1234|2018|~/VellumaForMaya-22.0-maya2018",
+            "Velluma 22.0 for Maya 2019|22.0|1234|2019|~/VellumaForMaya-22.0-maya2019",
+            "Velluma CoreServer 22.0|22.0|1234||~/Velluma CoreServer 22.0",
+            "Velluma Workshop 22.0 for Maya 2019|22.0|1234|2019|~/VellumaWorkshop-22.0-Maya2019",
+        };
+        QCOMPARE(survey(), found);
+        // Without its build-id file a bridge answers through its queue
+        // application's banner, which must carry the same build.
+        QVERIFY(QFile::remove(productRoot + QStringLiteral("/VellumaForMaya-22.0-maya2019/etc/buildid.txt")));
+        QCOMPARE(survey(), found);
+    }
+
+    void wizardFault_data()
+    {
+        QTest::addColumn<Replacements>("manifest");
+        QTest::addColumn<int>("answer");
+        QTest::addColumn<int>("exitCode"); // 0: the run reaches its last page
+        QTest::addColumn<QStringList>("texts");
+        QTest::addColumn<QStringList>("folders");
+        QTest::addColumn<QStringList>("files");
+        QTest::addColumn<QString>("lastLabel"); // what the page says as the last installer ends
+
+        const QString ok = QStringLiteral(" The install was successful.");
+        const QStringList failed{"Product download failed"};
+        // Retry continues the broken part from where it stopped.
+        QTest::newRow("connection dropped: Retry")
+            << faulty(kCore, "drop_after=3000000&fault_times=1") << int(QMessageBox::Retry) << 0 << failed
+            << QStringList{kCoreFolder, kScenesFolder, kBridgeFolder} << QStringList{kCore, kBridge, kScenes} << ok;
+        QTest::newRow("missing package: Ignore goes on")
+            << faulty(kBridge, "status=404") << int(QMessageBox::Ignore) << 0 << failed
+            << QStringList{kCoreFolder, kScenesFolder} << QStringList{kCore, kBridge + ".vlumdownload", kScenes} << ok;
+        // Abort ends the run at once with -1; nothing more is fetched or installed.
+        QTest::newRow("failed download: Abort")
+            << faulty(kCore, "drop_after=1000") << int(QMessageBox::Abort) << -1 << failed << QStringList()
+            << QStringList{kCore + ".vlumdownload"} << QString();
+        // The installer refuses it; until the installer has ended the label shows its error line.
+        QTest::newRow("corrupt package: the others installed")
+            << kCorrupt << int(QMessageBox::Ok) << 0 << QStringList() << QStringList{kCoreFolder, kBridgeFolder}
+            << QStringList{kCore, kBridge, kScenes} << QStringLiteral(" Error - ");
+    }
+
+    // The demo's run with a fault, the user answering as a row says.
+    void wizardFault()
+    {
+        QFETCH(Replacements, manifest);
+        QFETCH(int, answer);
+        QFETCH(int, exitCode);
+        QFETCH(QStringList, texts);
+        QFETCH(QStringList, folders);
+        QFETCH(QStringList, files);
+        QFETCH(QString, lastLabel);
+        serve(manifest);
+        DialogAnswerer user{QMessageBox::StandardButton(answer)};
+        LogWatch log;
+        QString label;
+        log.tap = [&](const QString& line) {
+            if (line.startsWith(QLatin1String("Installer finished")))
+                label = window->page(DlrMainWindow::DownloadPage)->findChild<QLabel*>("downloadAmount")->text();
+        };
+        if (exitCode == 0) {
+            WizardDriver::enterDownloads(window);
+            waitForFinishedPage();
+        } else {
+            QCOMPARE(WizardDriver::runUntilExit([this] { WizardDriver::enterDownloads(window); }), exitCode);
+            QTest::qWait(200);
+            QCOMPARE(window->currentId(), int(DlrMainWindow::DownloadPage));
+            QCOMPARE(requested(QStringLiteral("/packages/")).size(), 1);
+        }
+        QCOMPARE(user.texts, texts);
+        QCOMPARE(installed(), folders);
+        QCOMPARE(QDir(downloads).entryList(QDir::Files, QDir::Name), files);
+        QVERIFY2(label.startsWith(lastLabel), qPrintable(label));
+    }
+
+    // The helper is killed while it runs the first installation. That
+    // installation, a process of its own, finishes; the next ones cannot
+    // start, which the page says before it moves on. The next run, a new
+    // process with the helper back, finds the first product installed and
+    // installs the others from the packages already downloaded. Last of the
+    // runs in this process that install: the wizard does not find a helper
+    // again.
+    void helperKilled()
+    {
+        LogWatch log;
+        log.tap = [this](const QString& line) {
+            if (helper.IsRunning() && line.startsWith(QLatin1String("installer stdout:")))
+                helper.Stop(SIGKILL);
+        };
+        DialogAnswerer user(QMessageBox::Ok);
+        WizardDriver::enterDownloads(window);
+        waitForFinishedPage();
+        QVERIFY(!helper.IsRunning());
+        const QString skipped = QStringLiteral("Could not start installer process for %1, skipping to next product");
+        QCOMPARE(user.texts, (QStringList{skipped.arg("Velluma for Maya 2018"), skipped.arg("Velluma Sample Scenes")}));
+        QCOMPARE(installed(), QStringList{kCoreFolder});
+        table << QStringLiteral("| helper killed (SIGKILL) during an installation | 1 | %1 | nothing; the running install "
+                                "finished, the next run installed the skipped ones from the packages already downloaded |")
+                     .arg(user.texts.join(QStringLiteral("; ")));
+
+        // The next run is a script's, with -json: every event a JSON line.
+        QVERIFY(startHelper());
+        const ChildRun next = runUnattended(server, {"-pass", "velluma", "-json"});
+        QVERIFY2(next.exitStatus == QProcess::NormalExit && next.exitCode == 0, (next.out + next.err).constData());
+        QCOMPARE(installed(), (QStringList{kCoreFolder, kScenesFolder, kBridgeFolder}));
+        QCOMPARE(requested(QStringLiteral("/packages/")).size(), 3); // the first run's
+        QJsonObject last;
+        for (const QByteArray& line : next.out.trimmed().split('\n')) {
+            QJsonParseError error{};
+            last = QJsonDocument::fromJson(line, &error).object();
+            QVERIFY2(error.error == QJsonParseError::NoError && last.contains(QStringLiteral("event")), line.constData());
+        }
+        QCOMPARE(last.value(QStringLiteral("event")).toString(), QStringLiteral("summary"));
+        QCOMPARE(last.value(QStringLiteral("chosen")).toInt(), 2);
+        QCOMPARE(last.value(QStringLiteral("exitStatus")).toInt(), 0);
+    }
+
+    // One run of the unattended program: its exit status, what ends up
+    // installed, and the line that says why.
+    void unattended_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<Replacements>("manifest");
+        QTest::addColumn<bool>("trustedServer");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QStringList>("folders");
+        QTest::addColumn<QString>("line");
+
+        const QStringList all{kCoreFolder, kScenesFolder, kBridgeFolder};
+        const QStringList pass{QStringLiteral("-pass"), QStringLiteral("velluma")};
+        QTest::newRow("clean machine: the rules' three offers") << pass << Replacements{} << true << 0 << all
+            << "^summary: 3 chosen, 3 installed, 0 downloaded only, 0 downloads failed, 0 not installed; exit status 0$";
+        QTest::newRow("-products by listed name and by package name, a hidden offer included")
+            << pass + QStringList{"-products", "Velluma Sample Scenes,VellumaForMaya-22.0-maya2018_1234.pkg"}
+            << Replacements{} << true << 0 << QStringList{kScenesFolder, kBridgeFolder} << "^summary: 2 chosen, 2 installed";
+        QTest::newRow("unknown product name") << pass + QStringList{"-products", "Velluma Sample Scenes,Nope"}
+                                              << Replacements{} << true << 5 << QStringList{}
+                                              << "^error: no such product on offer: Nope$";
+        QTest::newRow("unknown option") << pass + QStringList{"-bogus"} << Replacements{} << true << 5 << QStringList{}
+                                        << "^error: unknown option -bogus$";
+        QTest::newRow("refused login") << QStringList{"-pass", "wrong"} << Replacements{} << true << 1 << QStringList{}
+                                       << "^error: Could not get a product list from Oktavo: Wrong password$";
+        QTest::newRow("certificate refused, not asked")
+            << pass << Replacements{} << false << 1 << QStringList{}
+            << "^tls: refused the server.s certificate: .";
+        QTest::newRow("corrupt package: the others still installed")
+            << pass << kCorrupt << true << 4 << QStringList{kCoreFolder, kBridgeFolder}
+            << "^install: Velluma Sample Scenes: failed: .";
+        QTest::newRow("download that never succeeds: 3 retries, then skipped")
+            << pass << faulty(kBridge, "status=404") << true << 3 << QStringList{kCoreFolder, kScenesFolder}
+            << "^download: Velluma for Maya 2018: failed: .*skipped after 3 retries$";
+        QTest::newRow("slow download: a progress line a second")
+            << pass << faulty(kScenes, "throttle=2000000") << true << 0 << all
+            << "^download: Velluma Sample Scenes: [0-9.]+MB of [0-9.]+MB \\([0-9]+%\\)$";
+        QTest::newRow("not enough free space")
+            << pass << Replacements{{"@SIZE:" + kScenes + "@", "4611686018427387904"}} << true << 2 << QStringList{}
+            << "^error: You do not have enough free disk space to download the selected products\\. Needed ";
+    }
+
+    void unattended()
+    {
+        QFETCH(QStringList, options);
+        QFETCH(Replacements, manifest);
+        QFETCH(bool, trustedServer);
+        QFETCH(int, exitCode);
+        QFETCH(QStringList, folders);
+        QFETCH(QString, line);
+        serve(manifest);
+        const ChildRun run = runUnattended(trustedServer ? server : unknownIssuer, options);
+        const QString printed = QString::fromUtf8(run.out + "--- stderr:\n" + run.err.right(4000));
+        QVERIFY2(QRegularExpression(line, QRegularExpression::MultilineOption).match(QString::fromUtf8(run.out)).hasMatch(),
+                 qPrintable(printed));
+        QVERIFY2(run.exitStatus == QProcess::NormalExit && run.exitCode == exitCode,
+                 qPrintable(QStringLiteral("exit %1\n").arg(run.exitCode) + printed));
+        folders.sort();
+        QCOMPARE(installed(), folders);
     }
 
     // Ten packages, each cut once at its own offset, from the first byte to
-    // the last: Retry continues each to the whole package, and at no
-    // failure does a final name hold anything but a whole package.
+    // the last: Retry continues each, from what reached the disk (which a
+    // cut over TLS may leave short of what was sent), to the whole package,
+    // and at no failure does a final name hold anything but a whole package.
     void connectionCut()
     {
         const qint64 size = 1 << 20;
@@ -227,10 +516,9 @@ private slots:
         DialogAnswerer user(QMessageBox::Retry);
         QStringList incomplete;
         user.ready = [&] {
-            const QDir dir(downloads());
+            const QDir dir(downloads);
             for (const QString& name : dir.entryList(QDir::Files)) {
-                const bool partial = name.endsWith(QLatin1String(".vlumdownload"));
-                if (!partial && contents(dir.filePath(name)) != server.package(name))
+                if (!name.endsWith(QLatin1String(".vlumdownload")) && contents(dir.filePath(name)) != server.package(name))
                     incomplete << name;
             }
             return true;
@@ -238,68 +526,59 @@ private slots:
         WizardDriver::enterDownloads(window);
         waitForFinishedPage();
 
-        QCOMPARE(user.texts.size(), offsets.size());
+        const QString reason = DlrNetworkError(QNetworkReply::RemoteHostClosedError);
         QCOMPARE(user.texts.count(QStringLiteral("Product download failed")), offsets.size());
+        const QString retry = QStringLiteral(". Press Abort to exit, Retry or Ignore to try the next product");
+        QCOMPARE(user.informative.count(reason + retry), offsets.size());
         QVERIFY2(incomplete.isEmpty(), qPrintable(incomplete.join(QLatin1Char(' '))));
         QStringList names;
         qint64 refetched = 0;
         for (int i = 0; i < offsets.size(); ++i) {
             const QString name = offers.at(i).name;
             names << name;
-            QVERIFY2(contents(downloads() + QLatin1Char('/') + name) == server.package(name), qPrintable(name));
-            const QStringList ranges = rangesAsked(name);
+            QVERIFY2(contents(downloads + QLatin1Char('/') + name) == server.package(name), qPrintable(name));
+            const QStringList ranges = requested(QStringLiteral("/packages/") + name);
             QCOMPARE(ranges.size(), 2); // the cut and one Retry
             const qint64 resumedAt = ranges.last().section(QLatin1Char('='), 1).section(QLatin1Char('-'), 0, 0).toLongLong();
+            QVERIFY2(resumedAt <= offsets.at(i) && (offsets.at(i) < 262144 || resumedAt > 0), qPrintable(ranges.last()));
             refetched += offsets.at(i) - resumedAt;
         }
         names.sort();
-        QCOMPARE(QDir(downloads()).entryList(QDir::Files, QDir::Name), names);
-
-        QStringList reasons;
-        for (const QString& text : qAsConst(user.informative))
-            reasons << text.section(QStringLiteral(". Press Abort"), 0, 0);
-        table << Row{QStringLiteral("connection cut once at each of 10 offsets, from byte 0 to the last, of a 1 MiB package"),
-                     int(offsets.size()),
-                     QStringLiteral("\"Product download failed\": %1; Retry completed each").arg(counted(reasons)),
-                     QStringLiteral("nothing; no final name ever held an incomplete file; %1 bytes fetched twice")
-                         .arg(refetched)};
+        QCOMPARE(QDir(downloads).entryList(QDir::Files, QDir::Name), names);
+        table << QStringLiteral("| connection cut once at each of 10 offsets, from byte 0 to the last, of a 1 MiB package | 10 | "
+                                "\"Product download failed\": %1 (x10); Retry completed each | nothing; no final name ever "
+                                "held an incomplete file; %2 bytes fetched twice |")
+                     .arg(reason)
+                     .arg(refetched);
     }
 
-    // The download folder fills up while a package arrives: the user is
-    // told, no final name appears, and after making room Retry goes on
-    // from what was kept. Without root, a file-size limit stands in for
-    // the small disk.
+    // The download folder, a small disk, fills up while a package arrives:
+    // the user is told, no final name appears, and after making room Retry
+    // goes on from what was kept.
     void diskFull()
     {
-        const qint64 size = 3 << 19;
         const QString name = QStringLiteral("Full.zip");
-        server.serveOffers({{name, size, {}}});
-        const TmpfsMount disk(downloads(), QStringLiteral("4m"));
-        std::unique_ptr<FileSizeLimit> limit;
-        const QString filler = downloads() + QStringLiteral("/filler");
+        server.serveOffers({{name, 3 << 19, {}}});
+        const TmpfsMount disk(downloads, QStringLiteral("4m"));
+        QVERIFY2(disk.mounted, "mounting a tmpfs needs root");
+        const QString filler = downloads + QStringLiteral("/filler");
         bool filled = false;
         LogWatch log;
         log.tap = [&](const QString& line) {
             if (filled || !line.startsWith(QLatin1String("downloading ")))
                 return;
-            filled = true;
             // Someone else takes all but 256 KiB of the room the wizard saw.
-            if (!disk.mounted) {
-                limit = std::make_unique<FileSizeLimit>(256 << 10);
-                return;
-            }
             QFile file(filler);
-            if (file.open(QIODevice::WriteOnly))
-                file.write(QByteArray(int(DlrMachineAssay::GetAvailableDisk(QDir(downloads())) - (256 << 10)), 'f'));
+            filled = file.open(QIODevice::WriteOnly)
+                && file.write(QByteArray(int(DlrMachineAssay::GetAvailableDisk(QDir(downloads)) - (256 << 10)), 'f')) > 0;
         };
         DialogAnswerer user(QMessageBox::Retry);
         QStringList finalAtFailure;
         qint64 kept = -1;
         user.ready = [&] {
-            finalAtFailure = QDir(downloads()).entryList({name}, QDir::Files);
-            kept = QFileInfo(downloads() + QLatin1Char('/') + name + QStringLiteral(".vlumdownload")).size();
+            finalAtFailure = QDir(downloads).entryList({name}, QDir::Files);
+            kept = QFileInfo(downloads + QLatin1Char('/') + name + QStringLiteral(".vlumdownload")).size();
             QFile::remove(filler);
-            limit.reset();
             return true;
         };
         WizardDriver::enterDownloads(window);
@@ -308,67 +587,18 @@ private slots:
 
         QVERIFY(filled);
         QCOMPARE(user.texts, QStringList{"Product download failed"});
-        const QString reason = QStringLiteral("Could not write %1/%2.vlumdownload: %3")
-                                   .arg(downloads(), name, disk.mounted ? QStringLiteral("No space left on device")
-                                                                        : QStringLiteral("File too large"));
+        const QString reason = QStringLiteral("Could not write %1/%2.vlumdownload: No space left on device")
+                                   .arg(downloads, name);
         QCOMPARE(user.informative.value(0).section(QStringLiteral(". Press Abort"), 0, 0), reason);
         QVERIFY(finalAtFailure.isEmpty());
         QVERIFY2(kept > 0 && kept <= 256 << 10, qPrintable(QString::number(kept)));
-        QCOMPARE(contents(downloads() + QLatin1Char('/') + name), server.package(name));
-        QCOMPARE(QDir(downloads()).entryList(QDir::Files), QStringList{name});
-        table << Row{disk.mounted ? QStringLiteral("disk full during a download (4 MiB tmpfs filled up)")
-                                  : QStringLiteral("file-size limit during a download (mount refused: no tmpfs)"),
-                     1,
-                     QStringLiteral("\"Product download failed\": %1; Retry after making room completed")
-                         .arg(QString(reason).replace(QDir::homePath(), QStringLiteral("~"))),
-                     QStringLiteral("nothing; no final file while full, the %1 bytes written were kept and resumed")
-                         .arg(kept)};
-    }
-
-    // The helper is killed while it runs an installation. That
-    // installation, a process of its own, finishes; the next one cannot
-    // start, which the page says before it moves on. The next run of the
-    // wizard, a new process with the helper back, installs it.
-    void helperKilled()
-    {
-        QVERIFY(server.makeInstallablePackage(QStringLiteral("A.pkg"), QStringLiteral("Product A")));
-        QVERIFY(server.makeInstallablePackage(QStringLiteral("B.pkg"), QStringLiteral("Product B")));
-        server.serveOffers({{QStringLiteral("A.pkg"), 0, {}}, {QStringLiteral("B.pkg"), 0, {}}});
-        const QString installed = machine + QStringLiteral("/opt/Oktavo/Product %1/README.txt");
-        {
-            // Paced, so that the installation is still running when the helper dies.
-            HelperProcess helper;
-            QVERIFY(helper.Start(QStringLiteral(VLUM_HELPER), {},
-                                 {QStringLiteral("VLUM_INSTALL_ROOT=") + machine,
-                                  QStringLiteral("VLUM_INSTALLER_PACE=0.2")}));
-            qputenv("VLUM_HELPER_SOCKET", QFile::encodeName(helper.SocketPath()));
-            LogWatch log;
-            log.tap = [&helper](const QString& line) {
-                if (helper.IsRunning() && line.startsWith(QLatin1String("installer stdout:")))
-                    helper.Stop(SIGKILL);
-            };
-            DialogAnswerer user(QMessageBox::Ok);
-            WizardDriver::enterDownloads(window);
-            waitForFinishedPage();
-            QVERIFY(!helper.IsRunning());
-            QCOMPARE(user.texts,
-                     QStringList{"Could not start installer process for Product B, skipping to next product"});
-            QVERIFY(QFile::exists(installed.arg('A')));
-            QVERIFY(!QFile::exists(installed.arg('B')));
-            table << Row{QStringLiteral("helper killed (SIGKILL) during an installation"), 1, counted(user.texts),
-                         QStringLiteral("nothing; the running install finished, the next run installed the skipped one "
-                                        "from the package already downloaded")};
-        }
-
-        HelperProcess helper;
-        QVERIFY(helper.Start(QStringLiteral(VLUM_HELPER), {}, {QStringLiteral("VLUM_INSTALL_ROOT=") + machine}));
-        const ChildRun next = runChild(QCoreApplication::applicationFilePath(), {}, QDir::homePath(),
-                                       {QStringLiteral("VLUM_NEXT_RUN_SERVER=127.0.0.1:%1").arg(server.port),
-                                        QStringLiteral("VLUM_NEXT_RUN_DOWNLOADS=") + downloads(),
-                                        QStringLiteral("VLUM_HELPER_SOCKET=") + helper.SocketPath()});
-        QVERIFY2(next.exitStatus == QProcess::NormalExit && next.exitCode == 0, next.out.right(3000).constData());
-        QVERIFY(QFile::exists(installed.arg('B')));
-        QCOMPARE(rangesAsked(QStringLiteral("B.pkg")).size(), 1); // the next run took it from the disk
+        QCOMPARE(contents(downloads + QLatin1Char('/') + name), server.package(name));
+        QCOMPARE(QDir(downloads).entryList(QDir::Files), QStringList{name});
+        table << QStringLiteral("| disk full during a download (4 MiB tmpfs filled up) | 1 | \"Product download failed\": %1; "
+                                "Retry after making room completed | nothing; no final file while full, the %2 bytes "
+                                "written were kept and resumed |")
+                     .arg(QString(reason).replace(QDir::homePath(), QStringLiteral("~")))
+                     .arg(kept);
     }
 
     void serverRestarted_data()
@@ -416,13 +646,14 @@ private slots:
         if (!listShown)
             QCOMPARE(user.details, QStringList{DlrNetworkError(QNetworkReply::RemoteHostClosedError)});
         const int requests = restarting.requests().size();
-        table << Row{QStringLiteral("server restarted during the product-list request, ") + QTest::currentDataTag(),
-                     done,
-                     listShown ? QStringLiteral("the product list (%1 requests sent)").arg(requests)
-                               : QStringLiteral("\"%1\": %2 (details: %3) after %4 requests; exit 1")
-                                     .arg(user.texts.value(0), user.informative.value(0), user.details.value(0))
-                                     .arg(requests),
-                     listShown ? QStringLiteral("nothing") : QStringLiteral("the run; no hang")};
+        table << QStringLiteral("| server restarted during the product-list request, %1 | %2 | %3 | %4 |")
+                     .arg(QLatin1String(QTest::currentDataTag()))
+                     .arg(done)
+                     .arg(listShown ? QStringLiteral("the product list (%1 requests sent)").arg(requests)
+                                    : QStringLiteral("\"%1\": %2 (details: %3) after %4 requests; exit 1")
+                                          .arg(user.texts.value(0), user.informative.value(0), user.details.value(0))
+                                          .arg(requests),
+                          listShown ? QStringLiteral("nothing") : QStringLiteral("the run; no hang"));
     }
 
     void malformed_data()
@@ -463,34 +694,36 @@ private slots:
         QVERIFY(!source.doc.isEmpty() && source.doc.contains(source.anchor));
 
         int refused = 0;
-        QStringList shown;
+        int listed = 0;
         for (int n = 0; n < 100; ++n) {
             const QByteArray doc = damaged(source, QFile::encodeName(secretPath), n);
             QString read;
             bool whole = false;
-            {
-                const Quiet quiet;
-                if (manifest) {
-                    QList<DlrManifestElement> offers;
-                    QUrl success;
-                    whole = DlrReadManifest(doc, offers, success);
-                    for (const DlrManifestElement& offer : qAsConst(offers))
-                        read += offer.Name + offer.SimpleName + offer.BuildID + offer.DownloadURL.toString();
-                    read += success.toString();
-                } else {
-                    const DlrProfileFacts facts = readProfile(doc, qMax(1, doc.size()));
-                    const DlrProfileFacts cut = readProfile(doc, 7);
-                    QVERIFY2(cut.complete == facts.complete && cut.properties == facts.properties
-                                 && cut.products == facts.products,
-                             qPrintable(QStringLiteral("profile %1 read differently in pieces").arg(n)));
-                    whole = facts.complete;
-                    for (const QString& value : facts.properties)
-                        read += value;
-                    for (const AssayedProduct& product : facts.products)
-                        read += QStringList(product.values()).join(QString());
-                }
+            bool samePieces = true;
+            // The readers' complaints about each damaged document stay out of the output.
+            const QtMessageHandler previous =
+                qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+            if (manifest) {
+                QList<DlrManifestElement> offers;
+                QUrl success;
+                whole = DlrReadManifest(doc, offers, success);
+                for (const DlrManifestElement& offer : qAsConst(offers))
+                    read += offer.Name + offer.SimpleName + offer.BuildID + offer.DownloadURL.toString();
+                read += success.toString();
+            } else {
+                const DlrProfileFacts facts = readProfile(doc, qMax(1, doc.size()));
+                const DlrProfileFacts cut = readProfile(doc, 7);
+                samePieces = cut.complete == facts.complete && cut.properties == facts.properties
+                    && cut.products == facts.products;
+                whole = facts.complete;
+                for (const QString& value : facts.properties)
+                    read += value;
+                for (const AssayedProduct& product : facts.products)
+                    read += QStringList(product.values()).join(QString());
             }
+            qInstallMessageHandler(previous);
             refused += whole ? 0 : 1;
+            QVERIFY2(samePieces, qPrintable(QStringLiteral("profile %1 read differently in pieces").arg(n)));
             QVERIFY2(!(n % 10 == 0 && whole), qPrintable(QStringLiteral("cut document %1 accepted").arg(n)));
             QVERIFY2(!read.contains(QString::fromUtf8(secret)),
                      qPrintable(QStringLiteral("document %1 read a local file").arg(n)));
@@ -498,57 +731,35 @@ private slots:
             if (manifest && n % 11 == 0) {
                 server.writeCatalogFile(QStringLiteral("manifest.xml"), doc);
                 DialogAnswerer user(QMessageBox::Ok);
-                const int code = productListRun();
-                QCOMPARE(code, whole ? 0 : 1);
-                if (!whole)
+                QCOMPARE(productListRun(), whole ? 0 : 1);
+                if (!whole) {
+                    QCOMPARE(user.texts, QStringList{"Could not get a product list from Oktavo"});
                     QCOMPARE(user.informative, QStringList{"bad manifest reply"});
-                shown << (whole ? QStringLiteral("the product list")
-                                : QStringLiteral("\"%1\": %2, exit 1")
-                                      .arg(user.texts.value(0), user.informative.value(0)));
+                }
+                listed += whole ? 1 : 0;
                 window.reset();
             }
         }
-        const QString kind = manifest ? QStringLiteral("manifests") : QStringLiteral("profiles");
-        table << Row{QStringLiteral("malformed %1 (cut, bytes changed, spans cut or doubled, stray tags and entities, "
-                                    "entity bomb, local entity, deep nesting, wrong encodings)")
-                         .arg(kind),
-                     100,
-                     manifest ? QStringLiteral("%1 refused, %2 read; of 10 served to the wizard: %3")
-                                    .arg(refused)
-                                    .arg(100 - refused)
-                                    .arg(counted(shown))
-                              : QStringLiteral("nothing: %1 incomplete, %2 complete; the survey keeps what came "
-                                               "before a fault, however the output is cut")
-                                    .arg(refused)
-                                    .arg(100 - refused),
-                     QStringLiteral("nothing; no crash, no local file read")};
-    }
-};
-
-// The next run of the wizard, in a process of its own (see main): the
-// same user, downloads and machine, walked to the end without a question.
-class NextRun : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void walkToTheEnd()
-    {
-        dlrApp()->downloadDir.reset(new QDir(qEnvironmentVariable("VLUM_NEXT_RUN_DOWNLOADS")));
-        DialogAnswerer user(QMessageBox::Ok);
-        QScopedPointer<DlrMainWindow> window;
-        WizardDriver::enterDownloads(window);
-        QTRY_COMPARE_WITH_TIMEOUT(window->currentId(), int(DlrMainWindow::FinishedPage), 60000);
-        QCOMPARE(user.texts, QStringList());
+        const QString saw = manifest ? QStringLiteral("%1 refused, %2 read; of 10 served to the wizard: \"Could not get "
+                                                      "a product list from Oktavo\": bad manifest reply, exit 1 (x%3); "
+                                                      "the product list (x%4)")
+                                           .arg(refused)
+                                           .arg(100 - refused)
+                                           .arg(10 - listed)
+                                           .arg(listed)
+                                     : QStringLiteral("nothing: %1 incomplete, %2 complete; the survey keeps what came "
+                                                      "before a fault, however the output is cut")
+                                           .arg(refused)
+                                           .arg(100 - refused);
+        table << QStringLiteral("| malformed %1 (cut, bytes changed, spans cut or doubled, stray tags and entities, entity "
+                                "bomb, local entity, deep nesting, wrong encodings) | 100 | %2 | nothing; no crash, no "
+                                "local file read |")
+                     .arg(QLatin1String(QTest::currentDataTag()), saw);
     }
 };
 
 int main(int argc, char** argv)
 {
-    const QByteArray server = qgetenv("VLUM_NEXT_RUN_SERVER");
-    if (!server.isEmpty())
-        return runWithDlrApp<NextRun>(argc, argv, {"-user", "demo", "-pass", "velluma", "-manifestserver",
-                                                   server.constData(), "-manifestserverscheme", "https"});
     return runWithDlrApp<TestFaults>(argc, argv, {"-user", "demo", "-pass", "velluma"});
 }
 

@@ -1,16 +1,7 @@
 #!/usr/bin/env python3
-"""The Debian package, built by cpack from this build tree and installed by dpkg.
-
-dpkg installs it into a scratch root, with a scratch database that starts as a
-copy of this machine's: so the dependencies computed from the binaries are
-checked for real (this machine runs what it built) without --force-depends,
-and nothing of the machine's own /opt, /usr or database is touched. The
-launcher is run from that root inside a private mount namespace whose /opt is
-the scratch root's, so its absolute link resolves to the packaged wizard.
-
-Needs root (dpkg, mount). Environment: VLUM_SOURCE_DIR, VLUM_BUILD_DIR, VLUM_CPACK.
 """
 
+import glob
 import io
 import os
 import re
@@ -24,31 +15,15 @@ import xml.etree.ElementTree as ET
 
 SOURCE = os.environ["VLUM_SOURCE_DIR"]
 BUILD = os.environ["VLUM_BUILD_DIR"]
-CPACK = os.environ.get("VLUM_CPACK", "cpack")
-
 NAME = "velluma-installer"
 PREFIX = "opt/velluma-installer"
 LAUNCHER = "usr/bin/velluma-installer"
 DESKTOP = "usr/share/applications/velluma-installer.desktop"
 METAINFO = "usr/share/metainfo/com.oktavo.velluma.installer.metainfo.xml"
-ICON_SIZES = (16, 22, 24, 32, 48, 64, 128, 256)
 
 
 def run(*args, **kwargs):
     return subprocess.run(args, capture_output=True, text=True, **kwargs)
-
-
-def project_version():
-    with open(os.path.join(SOURCE, "CMakeLists.txt")) as f:
-        return re.search(r"project\(\w+ VERSION ([\d.]+)", f.read()).group(1)
-
-
-def png_size(path):
-    with open(path, "rb") as f:
-        head = f.read(24)
-    if head[:8] != b"\x89PNG\r\n\x1a\n" or head[12:16] != b"IHDR":
-        return None
-    return struct.unpack(">II", head[16:24])
 
 
 class Package(unittest.TestCase):
@@ -56,15 +31,11 @@ class Package(unittest.TestCase):
     def setUpClass(cls):
         cls.scratch = tempfile.mkdtemp(prefix="vlum-package-")
         out = os.path.join(cls.scratch, "deb")
-        made = run(CPACK, "-G", "DEB", "-B", out, cwd=BUILD)
-        if made.returncode != 0:
-            raise RuntimeError("cpack failed:\n" + made.stdout + made.stderr)
-        debs = [f for f in os.listdir(out) if f.endswith(".deb")]
-        if len(debs) != 1:
-            raise RuntimeError("cpack made %r" % debs)
-        cls.deb_name = debs[0]
-        cls.deb = os.path.join(out, debs[0])
-
+        made = run(os.environ.get("VLUM_CPACK", "cpack"), "-G", "DEB", "-B", out, cwd=BUILD)
+        debs = glob.glob(os.path.join(out, "*.deb"))
+        if made.returncode != 0 or len(debs) != 1:
+            raise RuntimeError("cpack made %r:\n%s%s" % (debs, made.stdout, made.stderr))
+        cls.deb = debs[0]
         cls.root = os.path.join(cls.scratch, "root")
         admin = os.path.join(cls.scratch, "admin")
         os.makedirs(cls.root)
@@ -84,24 +55,18 @@ class Package(unittest.TestCase):
     def at(self, path):
         return os.path.join(self.root, path)
 
-    def in_namespace(self, *command):
-        """Runs command with the scratch root's /opt on /opt, seen by nobody else."""
-        script = 'mount --bind "$0/opt" /opt && exec "$@"'
-        env = dict(os.environ, HOME=self.scratch, QT_QPA_PLATFORM="offscreen")
-        return run("unshare", "--mount", "sh", "-c", script, self.root, *command, env=env)
-
     def test_control_data(self):
-        fields = run("dpkg-deb", "--field", self.deb).stdout
-        control = dict(re.findall(r"^(\S+): (.*)$", fields, re.M))
-        version = project_version()
-        self.assertEqual(self.deb_name, "%s_%s_amd64.deb" % (NAME, version))
+        control = dict(re.findall(r"^(\S+): (.*)$", run("dpkg-deb", "--field", self.deb).stdout, re.M))
+        with open(os.path.join(SOURCE, "CMakeLists.txt")) as f:
+            version = re.search(r"project\(\w+ VERSION ([\d.]+)", f.read()).group(1)
+        self.assertEqual(os.path.basename(self.deb), "%s_%s_amd64.deb" % (NAME, version))
         for key, value in [("Package", NAME), ("Version", version), ("Architecture", "amd64")]:
             self.assertEqual(control.get(key), value, key)
         # Computed from the binaries: the wizard's Qt, the installer's
         # libarchive and OpenSSL; python3 for the profiler script.
         depends = {d.split()[0] for d in control.get("Depends", "").split(", ")}
-        for needed in ["libqt5widgets5", "libqt5network5", "libqt5xml5", "libarchive13", "libssl3", "python3"]:
-            self.assertIn(needed, depends)
+        self.assertLessEqual({"libqt5widgets5", "libqt5network5", "libqt5xml5", "libarchive13", "libssl3", "python3"},
+                             depends)
         # Installing starts nothing: no maintainer scripts at all.
         control_tar = subprocess.run(["dpkg-deb", "--ctrl-tarfile", self.deb], capture_output=True, check=True)
         with tarfile.open(fileobj=io.BytesIO(control_tar.stdout)) as tar:
@@ -115,11 +80,8 @@ class Package(unittest.TestCase):
     def test_bundle_matches_the_build(self):
         # bin/, libexec/ and Resources/ exactly as the build tree's bundle.
         def files(top):
-            found = set()
-            for part in ("bin", "libexec", "Resources"):
-                for dirpath, _, names in os.walk(os.path.join(top, part)):
-                    found |= {os.path.relpath(os.path.join(dirpath, n), top) for n in names}
-            return found
+            return {os.path.relpath(os.path.join(d, n), top) for part in ("bin", "libexec", "Resources")
+                    for d, _, names in os.walk(os.path.join(top, part)) for n in names}
         self.assertEqual(files(self.at(PREFIX)), files(os.path.join(BUILD, "bundle")))
         for program in ["bin/velluma-installer", "libexec/velluma-installer-helper", "libexec/installer",
                         "libexec/install-helper", "libexec/system_profiler"]:
@@ -130,43 +92,48 @@ class Package(unittest.TestCase):
                 st = os.lstat(path)
                 self.assertEqual((st.st_uid, st.st_gid, st.st_mode & 0o022), (0, 0, 0), path)
 
-    def test_desktop_entry(self):
-        check = run("desktop-file-validate", self.at(DESKTOP))
-        self.assertEqual((check.returncode, check.stdout), (0, ""), check.stderr)
+    def test_validators(self):
+        # desktop-file-validate's hints go to standard output, with status 0.
+        for command in (["desktop-file-validate", self.at(DESKTOP)],
+                        ["appstreamcli", "validate", "--no-net", self.at(METAINFO)],
+                        ["lintian", "--fail-on", "error,warning", self.deb]):
+            with self.subTest(command[0]):
+                check = run(*command)
+                quiet = check.stdout if command[0] == "desktop-file-validate" else ""
+                self.assertEqual((check.returncode, quiet), (0, ""), check.stdout + check.stderr)
+
+    def test_menu_entry_and_icons(self):
         with open(self.at(DESKTOP)) as f:
             entry = dict(re.findall(r"^(\w+)=(.*)$", f.read(), re.M))
-        self.assertEqual(entry["Name"], "Velluma Installer")
-        self.assertEqual(entry["Exec"].split()[0], os.path.basename(LAUNCHER))
-        self.assertEqual(entry["Icon"], NAME)
-
-    def test_icons(self):
+        self.assertEqual((entry["Name"], entry["Exec"].split()[0], entry["Icon"]),
+                         ("Velluma Installer", os.path.basename(LAUNCHER), NAME))
+        launchable = ET.parse(self.at(METAINFO)).getroot().find("launchable")
+        self.assertEqual(os.path.join("usr/share/applications", launchable.text), DESKTOP)
         theme = self.at("usr/share/icons/hicolor")
-        for size in ICON_SIZES:
+        for size in (16, 22, 24, 32, 48, 64, 128, 256):
             path = os.path.join(theme, "%dx%d/apps/%s.png" % (size, size, NAME))
-            self.assertEqual(png_size(path) if os.path.isfile(path) else None, (size, size), path)
+            with open(path, "rb") as f:
+                head = f.read(24)
+            self.assertEqual((head[:8], head[12:16]), (b"\x89PNG\r\n\x1a\n", b"IHDR"), path)
+            self.assertEqual(struct.unpack(">II", head[16:24]), (size, size), path)
         svg = ET.parse(os.path.join(theme, "scalable/apps/%s.svg" % NAME)).getroot()
         self.assertEqual(svg.tag, "{http://www.w3.org/2000/svg}svg")
 
-    def test_metainfo(self):
-        check = run("appstreamcli", "validate", "--no-net", self.at(METAINFO))
-        self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
-        launchable = ET.parse(self.at(METAINFO)).getroot().find("launchable")
-        self.assertEqual(os.path.join("usr/share/applications", launchable.text), DESKTOP)
-
     def test_launcher_runs_the_bundled_wizard(self):
-        target = self.in_namespace("readlink", "-f", self.at(LAUNCHER))
+        # Run with the scratch root's /opt on /opt, seen by nobody else.
+        def in_namespace(*command):
+            env = dict(os.environ, HOME=self.scratch, QT_QPA_PLATFORM="offscreen")
+            return run("unshare", "--mount", "sh", "-c", 'mount --bind "$0/opt" /opt && exec "$@"', self.root,
+                       *command, env=env)
+        target = in_namespace("readlink", "-f", self.at(LAUNCHER))
         self.assertEqual(target.stdout.strip(), "/" + PREFIX + "/bin/velluma-installer", target.stderr)
         # The same usage text as the wizard of the build tree.
         expected = run(os.path.join(BUILD, "bundle/bin/velluma-installer"), "-help",
                        env=dict(os.environ, QT_QPA_PLATFORM="offscreen"))
-        got = self.in_namespace(self.at(LAUNCHER), "-help")
+        got = in_namespace(self.at(LAUNCHER), "-help")
         self.assertEqual(got.returncode, 0, got.stderr)
         self.assertIn("-manifestserver", got.stdout)
         self.assertEqual(got.stdout, expected.stdout)
-
-    def test_lintian(self):
-        check = run("lintian", "--fail-on", "error,warning", self.deb)
-        self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
 
 
 if __name__ == "__main__":

@@ -3,10 +3,8 @@
 // Runs one of our programs as a child process with a clean, controlled
 // environment, and collects what it printed.
 
-#include <QByteArray>
 #include <QMap>
 #include <QProcess>
-#include <QProcessEnvironment>
 #include <QStringList>
 
 // The probe prints its configuration after this line.
@@ -34,8 +32,7 @@ struct ChildRun {
         const int at = out.indexOf(kConfigMarker);
         if (at < 0)
             return values;
-        const QList<QByteArray> lines = out.mid(at + int(sizeof kConfigMarker) - 1).split('\n');
-        for (const QByteArray& line : lines) {
+        for (const QByteArray& line : out.mid(at + int(sizeof kConfigMarker) - 1).split('\n')) {
             const int eq = line.indexOf('=');
             if (eq > 0)
                 values.insert(QString::fromLocal8Bit(line.left(eq)), QString::fromLocal8Bit(line.mid(eq + 1)));
@@ -45,7 +42,8 @@ struct ChildRun {
 };
 
 // HOME points at `home`; any debug switch of the caller's environment is
-// removed so that only what the test sets counts.
+// removed so that only what the test sets counts. An `extraEnv` entry is
+// "NAME=value", or "NAME" to remove it.
 inline ChildRun runChild(const QString& program, const QStringList& args, const QString& home,
                          const QStringList& extraEnv = {})
 {
@@ -56,9 +54,11 @@ inline ChildRun runChild(const QString& program, const QStringList& args, const 
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
     for (const QString& entry : extraEnv) {
         const int eq = entry.indexOf(QLatin1Char('='));
-        env.insert(entry.left(eq), entry.mid(eq + 1));
+        if (eq < 0)
+            env.remove(entry);
+        else
+            env.insert(entry.left(eq), entry.mid(eq + 1));
     }
-
     QProcess process;
     process.setProcessEnvironment(env);
     process.start(program, args);
@@ -68,10 +68,10 @@ inline ChildRun runChild(const QString& program, const QStringList& args, const 
         return run;
     }
     run.pid = process.processId();
-    if (!process.waitForFinished(30000)) {
+    if (!process.waitForFinished(60000)) {
+        qWarning("%s did not finish", qPrintable(program));
         process.kill();
         process.waitForFinished();
-        qWarning("%s did not finish", qPrintable(program));
     }
     run.exitCode = process.exitCode();
     run.exitStatus = process.exitStatus();

@@ -15,11 +15,8 @@ public:
     // `size` as mount takes it: "1m", "4m".
     TmpfsMount(const QString& folder, const QString& size)
         : folder(folder)
+        , mounted(QProcess::execute(QStringLiteral("mount"), {"-t", "tmpfs", "-o", "size=" + size, "tmpfs", folder}) == 0)
     {
-        mounted = QProcess::execute(QStringLiteral("mount"), {QStringLiteral("-t"), QStringLiteral("tmpfs"),
-                                                              QStringLiteral("-o"), QStringLiteral("size=") + size,
-                                                              QStringLiteral("tmpfs"), folder})
-            == 0;
     }
     ~TmpfsMount()
     {
@@ -29,10 +26,8 @@ public:
     TmpfsMount(const TmpfsMount&) = delete;
     TmpfsMount& operator=(const TmpfsMount&) = delete;
 
-    bool mounted = false;
-
-private:
     const QString folder;
+    const bool mounted;
 };
 
 // SIGXFSZ must be ignored meanwhile, or the write that crosses the limit

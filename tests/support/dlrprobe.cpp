@@ -17,38 +17,29 @@
 
 #include <cstdio>
 
-namespace {
-
-void printConfig(const DlrApp& app)
-{
-    const QList<QPair<const char*, QString>> values = {
-        {"user", app.user},
-        {"pass", app.pass},
-        {"manifestServer", app.manifestServer},
-        {"manifestServerScheme", app.manifestServerScheme},
-        {"manifestUrl", app.manifestUrl},
-        {"alternateManifestFile", app.alternateManifestFile},
-        {"appendManifestFile", app.appendManifestFile},
-        {"logLevel", QString::number(app.logLevel)},
-        {"dumpManifest", app.dumpManifest ? QStringLiteral("true") : QStringLiteral("false")},
-        {"transferTimeout", QString::number(app.transferTimeout)},
-        {"settingsFile", app.settings ? app.settings->fileName() : QString()},
-        {"manifestURL", app.GetURL(ManifestLocation).toString()},
-        {"successURL", app.successURL.toString()},
-    };
-    std::printf("%s", kConfigMarker);
-    for (const auto& value : values)
-        std::printf("%s=%s\n", value.first, value.second.toLocal8Bit().constData());
-    std::fflush(stdout);
-}
-
-} // namespace
-
 int main(int argc, char** argv)
 {
     {
         DlrApp app(argc, argv);
-        printConfig(app);
+        const QList<QPair<const char*, QString>> values = {
+            {"user", app.user},
+            {"pass", app.pass},
+            {"manifestServer", app.manifestServer},
+            {"manifestServerScheme", app.manifestServerScheme},
+            {"manifestUrl", app.manifestUrl},
+            {"alternateManifestFile", app.alternateManifestFile},
+            {"appendManifestFile", app.appendManifestFile},
+            {"logLevel", QString::number(app.logLevel)},
+            {"dumpManifest", app.dumpManifest ? QStringLiteral("true") : QStringLiteral("false")},
+            {"transferTimeout", QString::number(app.transferTimeout)},
+            {"settingsFile", app.settings ? app.settings->fileName() : QString()},
+            {"manifestURL", app.GetURL(ManifestLocation).toString()},
+            {"successURL", app.successURL.toString()},
+        };
+        std::printf("%s", kConfigMarker);
+        for (const auto& value : values)
+            std::printf("%s=%s\n", value.first, value.second.toLocal8Bit().constData());
+        std::fflush(stdout);
         if (!qEnvironmentVariableIsSet("DLRPROBE_LOG"))
             return 0;
         DlrInitializeLogging();
