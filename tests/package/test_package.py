@@ -1,4 +1,14 @@
 #!/usr/bin/env python3
+"""The Debian package, built by cpack from this build tree and installed by dpkg.
+
+dpkg installs it into a scratch root, with a scratch database that starts as a
+copy of this machine's: so the dependencies computed from the binaries are
+checked for real (this machine runs what it built) without --force-depends,
+and nothing of the machine's own /opt, /usr or database is touched. The
+launcher is run from that root inside a private mount namespace whose /opt is
+the scratch root's, so its absolute link resolves to the packaged wizard.
+
+Needs root (dpkg, mount). Environment: VLUM_SOURCE_DIR, VLUM_BUILD_DIR, VLUM_CPACK.
 """
 
 import glob
