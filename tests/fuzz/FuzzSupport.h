@@ -8,10 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 
-inline void vlumFuzzQuiet()
-{
+// Set while the program loads, before libFuzzer's first input.
+[[maybe_unused]] static const bool vlumFuzzQuiet = [] {
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-}
+    return true;
+}();
 
 // A broken promise of the code under test: ends the run as a finding.
 #define VLUM_FUZZ_CHECK(condition)                                                                                     \

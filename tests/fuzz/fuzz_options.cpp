@@ -13,19 +13,6 @@
 
 #include <cstdint>
 
-namespace {
-
-QTemporaryDir* scratch = nullptr;
-
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    vlumFuzzQuiet();
-    scratch = new QTemporaryDir; // lives as long as the process
-    return scratch->isValid() ? 0 : 1;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1)
@@ -46,7 +33,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         VLUM_FUZZ_CHECK(unknown.startsWith(QLatin1Char('-')));
     VLUM_FUZZ_CHECK(!options.transferTimeout);
 
-    const QString path = scratch->filePath(QStringLiteral("vluminstaller.ini"));
+    static const QTemporaryDir scratch;
+    VLUM_FUZZ_CHECK(scratch.isValid());
+    const QString path = scratch.filePath(QStringLiteral("vluminstaller.ini"));
     QFile file(path);
     const QByteArray text = input.mid(at);
     VLUM_FUZZ_CHECK(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(text) == text.size());

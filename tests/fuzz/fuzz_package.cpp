@@ -36,12 +36,6 @@ TrustedKeys someKey()
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    vlumFuzzQuiet();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static const TrustedKeys none;

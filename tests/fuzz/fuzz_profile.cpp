@@ -24,12 +24,6 @@ DlrProfileFacts readPieces(const QList<QByteArray>& pieces)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    vlumFuzzQuiet();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1)

@@ -13,8 +13,6 @@
 
 namespace {
 
-int devNull = -1;
-
 using Descriptors = QVector<std::shared_ptr<const DlrdDescriptor>>;
 
 bool sameMessage(const DlrdMessage& a, const DlrdMessage& b)
@@ -62,15 +60,10 @@ Descriptors received(const DlrdMessage& message, const QVector<int>& fds)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    vlumFuzzQuiet();
-    devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    return devNull >= 0 ? 0 : 1;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    static const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    VLUM_FUZZ_CHECK(devNull >= 0);
     if (size < 1)
         return 0;
     Descriptors descriptors;
