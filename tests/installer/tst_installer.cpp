@@ -120,12 +120,10 @@ private slots:
         qputenv("VLUM_HELPER_SOCKET", daemon.SocketPath().toLocal8Bit());
         DlrOSXProcess process;
         QList<QByteArray> lines;
-        bool finished = false;
-        connect(&process, &DlrOSXProcess::readyReadStandardOutput, this,
-                [&] { lines << process.readAllStandardOutput(); });
-        connect(&process, &DlrOSXProcess::finished, this, [&] { finished = true; });
+        connect(&process, &DlrOSXProcess::readyReadStandardOutput, this, [&] { lines << process.readAllStandardOutput(); });
+        QSignalSpy finished(&process, &DlrOSXProcess::finished);
         process.start(kInstaller, {"-verboseR", "-target", "/", "-package", package}, QIODevice::ReadOnly);
-        QTRY_VERIFY_WITH_TIMEOUT(finished, 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
 
         QVERIFY(!lines.isEmpty() && lines.first().startsWith("installer:PHASE:"));
         QCOMPARE(lines.last(), QByteArray("installer: The install was successful.\n"));
