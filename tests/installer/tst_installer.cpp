@@ -17,6 +17,7 @@
 namespace {
 
 const QString kInstaller = QStringLiteral(VLUM_LIBEXEC_DIR "/installer");
+const QString kMakeTestPkg = QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/make-test-pkg");
 
 bool writeFile(const QString& path, const QByteArray& data)
 {
@@ -88,8 +89,7 @@ class TestInstaller : public QObject
     QString makePackage(const QString& kind) const
     {
         const QString package = work.filePath(kind + ".pkg");
-        return run({VLUM_SOURCE_DIR "/tests/fixtures/make-test-pkg", kind, package, VLUM_DEMO_KEY}) == 0 ? package
-                                                                                                           : QString();
+        return run({kMakeTestPkg, kind, package, VLUM_DEMO_KEY}) == 0 ? package : QString();
     }
 
     int install(const QString& package, const QStringList& environment, QByteArray* output = nullptr) const
@@ -120,12 +120,10 @@ private slots:
         qputenv("VLUM_HELPER_SOCKET", daemon.SocketPath().toLocal8Bit());
         DlrOSXProcess process;
         QList<QByteArray> lines;
-        bool finished = false;
-        connect(&process, &DlrOSXProcess::readyReadStandardOutput, this,
-                [&] { lines << process.readAllStandardOutput(); });
-        connect(&process, &DlrOSXProcess::finished, this, [&] { finished = true; });
+        connect(&process, &DlrOSXProcess::readyReadStandardOutput, this, [&] { lines << process.readAllStandardOutput(); });
+        QSignalSpy finished(&process, &DlrOSXProcess::finished);
         process.start(kInstaller, {"-verboseR", "-target", "/", "-package", package}, QIODevice::ReadOnly);
-        QTRY_VERIFY_WITH_TIMEOUT(finished, 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
 
         QVERIFY(!lines.isEmpty() && lines.first().startsWith("installer:PHASE:"));
         QCOMPARE(lines.last(), QByteArray("installer: The install was successful.\n"));
@@ -149,62 +147,54 @@ private slots:
         QVERIFY(QFileInfo(root.filePath(QStringLiteral("opt/Oktavo/Test/tool"))).isExecutable());
     }
 
-    void refused_data()
+    void install_data()
     {
         QTest::addColumn<QString>("kind");
         QTest::addColumn<QString>("keys");
-        QTest::addColumn<QString>("reason");
+        QTest::addColumn<QByteArray>("line"); // installed: a line it writes; refused: the reason on its last line
         QTest::addColumn<QStringList>("installedFirst"); // whatever becomes of them
-        const QString none = QStringLiteral("none");
-        const QString demo = QStringLiteral("demo");
-        const QString changed = QStringLiteral("signature does not match");
-        const QStringList alone;
-        QTest::newRow("text file") << "text" << none << "not a package archive" << alone;
-        QTest::newRow("compressed, not an archive") << "gzip-not-tar" << none << "not a package archive" << alone;
-        QTest::newRow("archive, not compressed") << "tar-not-gzip" << none << "not a package archive" << alone;
-        QTest::newRow("no PackageInfo") << "no-info" << none << "no PackageInfo" << alone;
-        QTest::newRow("PackageInfo without version") << "info-without-version" << none << "PackageInfo needs" << alone;
-        QTest::newRow("absolute entry") << "absolute-entry" << none << "absolute entry name" << alone;
-        QTest::newRow("'..' entry") << "dotdot-entry" << none << "entry name with '..'" << alone;
-        QTest::newRow("'..' entry with a newline, escaped")
-            << "dotdot-newline" << none << "entry name with '..': Payload/../vlum\\nescaped" << alone;
-        QTest::newRow("absolute link") << "absolute-link" << none << "points outside the target" << alone;
-        QTest::newRow("link climbing out") << "climbing-link" << none << "points outside the target" << alone;
-        QTest::newRow("two links that leave together") << "links-together" << none << "points outside the target"
-                                                        << alone;
-        QTest::newRow("file written through links") << "file-through-links" << none << "leads outside the target"
-                                                     << alone;
-        QTest::newRow("hard link outside the payload") << "hard-link-outside" << none << "outside the payload"
-                                                       << alone;
-        QTest::newRow("device node") << "device" << none << "unsupported entry type" << alone;
-        QTest::newRow("decompression bomb") << "bomb" << none << "unpacks to more than 64 GiB" << alone;
-        // Each harmless alone, the three used to write beside the target.
-        QTest::newRow("three packages chaining links")
-            << "chain-escape" << none << "would write through the link" << QStringList{"chain-link", "chain-up"};
-        QTest::newRow("a folder where the target has a file")
-            << "folder-over-file" << none << "would replace a folder by a file" << alone;
-        QTest::newRow("unsigned, a key trusted") << "unsigned" << demo << "unsigned" << alone;
-        QTest::newRow("signed by a foreign key") << "foreign-signed" << demo << "untrusted key" << alone;
-        QTest::newRow("malformed signature") << "malformed-signature" << demo << "malformed signature" << alone;
-        QTest::newRow("PackageInfo changed after signing") << "tampered-info" << demo << changed << alone;
-        QTest::newRow("payload byte changed after signing") << "tampered-content" << demo << changed << alone;
-        QTest::newRow("name changed after signing") << "tampered-name" << demo << changed << alone;
-        QTest::newRow("mode changed after signing") << "tampered-mode" << demo << changed << alone;
-        QTest::newRow("link changed after signing") << "tampered-link" << demo << changed << alone;
-        QTest::newRow("entry added after signing") << "tampered-added" << demo << changed << alone;
-        QTest::newRow("entry removed after signing") << "tampered-removed" << demo << changed << alone;
-        QTest::newRow("key folder anyone may write to") << "signed" << "loose" << "writable by no one else" << alone;
+        QTest::addColumn<QString>("path"); // installed with `mode`; "" when refused
+        QTest::addColumn<int>("mode");
+        const auto row = [](const char* tag, const QString& kind, const QString& keys, const QByteArray& line,
+                            const QString& path = QString(), int mode = 0, const QStringList& first = {}) {
+            QTest::newRow(tag) << kind << keys << line << first << path << mode;
+        };
+        // make-test-pkg's refused kinds, then the keys' own refusals.
+        QByteArray kinds;
+        QCOMPARE(run({kMakeTestPkg, QStringLiteral("--refused")}, {}, &kinds), 0);
+        for (const QString& line : QString::fromUtf8(kinds).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+            const QStringList fields = line.split(QLatin1Char('\t'));
+            row(qPrintable(fields[0]), fields[0], fields[1], fields[2].toUtf8(), QString(), 0, fields.mid(3));
+        }
+        row("unsigned, a key trusted", "unsigned", "demo", "unsigned");
+        row("key folder anyone may write to", "signed", "loose", "writable by no one else");
+        // Installed, with the line that says how; modes from the package
+        // less set-id and sticky bits; one line per event whatever the names
+        // hold.
+        const QByteArray success("installer: The install was successful.");
+        const QString test = QStringLiteral("opt/Oktavo/Test/");
+        row("unsigned, no key trusted", "unsigned", "none", "installer:STATUS:Packages are not verified: no trusted key",
+            test + "first", 0644);
+        row("signed, its key trusted", "signed", "demo", "installer:STATUS:Signature verified with the trusted key",
+            test + "tool", 0755);
+        row("set-uid file", "set-id", "none", success, test + "setuid", 0755);
+        row("set-gid file", "set-id", "none", success, test + "setgid", 0755);
+        row("folder: its mode, no set-gid or sticky bit", "set-id", "none", success, test + "shared", 0750);
+        row("control characters in a name, escaped", "control-name", "none",
+            "installer:STATUS:Writing opt/Oktavo/Test/two\\nlines\\x1b[0m\xe2\x80\xa6\n", test + "two\nlines\x1b[0m", 0644);
     }
 
-    // Refused before or during unpacking, never half-installed: the target
-    // is exactly as before, nothing appeared beside it, no link in it leads
-    // out, and every line of output is one of the installer's.
-    void refused()
+    // Every line of output is one of the installer's. Refused before or
+    // during unpacking, never half-installed: the target is exactly as
+    // before, nothing appeared beside it, and no link in it leads out.
+    void install()
     {
         QFETCH(QString, kind);
         QFETCH(QString, keys);
-        QFETCH(QString, reason);
+        QFETCH(QByteArray, line);
         QFETCH(QStringList, installedFirst);
+        QFETCH(QString, path);
+        QFETCH(int, mode);
         QTemporaryDir box;
         const QString root = box.filePath(QStringLiteral("root"));
         QVERIFY(writeFile(root + QStringLiteral("/opt/keep"), "kept\n"));
@@ -216,65 +206,28 @@ private slots:
 
         QByteArray output;
         const int status = install(package, environment(root, keys), &output);
+        const QList<QByteArray> lines = output.trimmed().split('\n');
+        for (const QByteArray& each : lines)
+            QVERIFY2(each.startsWith("installer:"), each.constData());
+        if (!path.isEmpty()) {
+            QCOMPARE(status, 0);
+            QVERIFY2(output.contains(line), output.constData());
+            QVERIFY(output.endsWith("installer: The install was successful.\n"));
+            struct stat info;
+            QCOMPARE(::lstat(QFile::encodeName(root + QLatin1Char('/') + path).constData(), &info), 0);
+            QCOMPARE(int(info.st_mode & 07777), mode);
+            return;
+        }
         const QStringList after = snapshot(root);
         const QStringList leaving = after.filter(QRegularExpression(QStringLiteral(" -> \\.\\.(/|$)")));
         tally.Add(1, status == 0 || after != before || !leaving.isEmpty() ? 1 : 0);
         QCOMPARE(status, 1);
-        const QList<QByteArray> lines = output.trimmed().split('\n');
-        for (const QByteArray& line : lines)
-            QVERIFY2(line.startsWith("installer:"), line.constData());
-        QVERIFY2(lines.last().startsWith("installer: Error - ") && lines.last().contains(reason.toUtf8()),
-                 lines.last().constData());
+        QVERIFY2(lines.last().startsWith("installer: Error - ") && lines.last().contains(line), lines.last().constData());
         QCOMPARE(after, before);
         QCOMPARE(QDir(box.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
                  QStringList{"root"});
         QCOMPARE(leaving, QStringList());
         QVERIFY(!QFileInfo::exists(QStringLiteral("/tmp/vlum-absolute-entry")));
-    }
-
-    void installed_data()
-    {
-        QTest::addColumn<QString>("kind");
-        QTest::addColumn<QString>("keys");
-        QTest::addColumn<QByteArray>("line");
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<int>("mode");
-        const QByteArray success("installer: The install was successful.");
-        QTest::newRow("unsigned, no key trusted")
-            << "unsigned" << "none" << QByteArray("installer:STATUS:Packages are not verified: no trusted key")
-            << "opt/Oktavo/Test/first" << 0644;
-        QTest::newRow("signed, its key trusted")
-            << "signed" << "demo" << QByteArray("installer:STATUS:Signature verified with the trusted key")
-            << "opt/Oktavo/Test/tool" << 0755;
-        QTest::newRow("set-uid file") << "set-id" << "none" << success << "opt/Oktavo/Test/setuid" << 0755;
-        QTest::newRow("set-gid file") << "set-id" << "none" << success << "opt/Oktavo/Test/setgid" << 0755;
-        QTest::newRow("folder: its mode, no set-gid or sticky bit")
-            << "set-id" << "none" << success << "opt/Oktavo/Test/shared" << 0750;
-        QTest::newRow("control characters in a name, escaped")
-            << "control-name" << "none"
-            << QByteArray("installer:STATUS:Writing opt/Oktavo/Test/two\\nlines\\x1b[0m\xe2\x80\xa6\n")
-            << "opt/Oktavo/Test/two\nlines\x1b[0m" << 0644;
-    }
-
-    // Installed, with the line that says how; modes from the package less
-    // set-id and sticky bits; one line per event whatever the names hold.
-    void installed()
-    {
-        QFETCH(QString, kind);
-        QFETCH(QString, keys);
-        QFETCH(QByteArray, line);
-        QFETCH(QString, path);
-        QFETCH(int, mode);
-        QTemporaryDir root;
-        QByteArray output;
-        QCOMPARE(install(makePackage(kind), environment(root.path(), keys), &output), 0);
-        QVERIFY2(output.contains(line), output.constData());
-        QVERIFY(output.endsWith("installer: The install was successful.\n"));
-        for (const QByteArray& each : output.trimmed().split('\n'))
-            QVERIFY2(each.startsWith("installer:"), each.constData());
-        struct stat info;
-        QCOMPARE(::lstat(QFile::encodeName(root.filePath(path)).constData(), &info), 0);
-        QCOMPARE(int(info.st_mode & 07777), mode);
     }
 
     // Read once, from the descriptor the helper passes (the -package name

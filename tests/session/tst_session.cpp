@@ -65,11 +65,9 @@ private slots:
         QFETCH(QString, key);
         QFETCH(bool, installs);
         VendorServer server;
-        QVERIFY(server.makeInstallablePackage(QStringLiteral("scenes.pkg"), QStringLiteral("Sample Scenes")));
-        server.writeCatalogFile(QStringLiteral("manifest.xml"), R"(<Manifest><ProductInfo>
-            <Name>VellumaSampleScenes-22.0.pkg</Name><SimpleName>Velluma Sample Scenes</SimpleName>
-            <BuildID>1</BuildID><FileSize>@SIZE:scenes.pkg@</FileSize><DefaultBehavior>show</DefaultBehavior>
-            <DownloadURL>@BASE@/packages/scenes.pkg</DownloadURL></ProductInfo></Manifest>)");
+        const QString name = QStringLiteral("VellumaSampleScenes-22.0.pkg");
+        QVERIFY(server.makeInstallablePackage(name, QStringLiteral("Sample Scenes")));
+        server.serveOffers({{name, 0, QString()}});
         QVERIFY(server.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
         QTemporaryDir machine;
         HelperProcess helper;
@@ -105,7 +103,7 @@ private slots:
         const QByteArray err = wizard.readAllStandardError();
         QVERIFY2(wizard.exitStatus() == QProcess::NormalExit && wizard.exitCode() == 0, err.right(4000).constData());
         QCOMPARE(err.contains("]: Debug: Finished!\n"), installs);
-        QCOMPARE(QFile::exists(home.filePath(QStringLiteral("Downloads/VellumaSampleScenes-22.0.pkg"))), installs);
+        QCOMPARE(QFile::exists(home.filePath(QStringLiteral("Downloads/") + name)), installs);
         QVERIFY2(QFile::exists(machine.filePath(QStringLiteral("opt/Oktavo/Sample Scenes/README.txt"))) == installs,
                  qPrintable(helper.Log()));
     }

@@ -37,14 +37,12 @@ public:
     // True when it ended by itself, with status 0.
     bool Stop(int signal)
     {
-        if (process.state() != QProcess::Running)
-            return false;
-        ::kill(pid_t(process.processId()), signal);
-        if (process.waitForFinished(5000))
-            return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-        process.kill();
-        process.waitForFinished(5000);
-        return false;
+        const bool ended = IsRunning() && ::kill(pid_t(process.processId()), signal) == 0 && process.waitForFinished(5000);
+        if (!ended && IsRunning()) {
+            process.kill();
+            process.waitForFinished(5000);
+        }
+        return ended && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
     }
 
     bool IsRunning() const { return process.state() == QProcess::Running; }

@@ -74,13 +74,6 @@ int exec(const char* installer, const char* package)
     return 0;
 }
 
-int open(const char* path, const char* flags)
-{
-    const QByteArray bytes = openThroughHelper(connectTo(socketPath), path, std::atoi(flags));
-    std::fputs(bytes.isNull() ? "refused\n" : bytes.constData(), stdout);
-    return bytes.isNull() ? 1 : 0;
-}
-
 // Each connection asks for the version once, then stays open and idle.
 int hold(int count, int seconds)
 {
@@ -203,8 +196,11 @@ int main(int argc, char** argv)
     const bool two = argc == 6; // arguments between the command and the socket
     if (command == "exec" && two)
         return exec(argv[2], argv[3]);
-    if (command == "open" && two)
-        return open(argv[2], argv[3]);
+    if (command == "open" && two) {
+        const QByteArray bytes = openThroughHelper(connectTo(socketPath), argv[2], std::atoi(argv[3]));
+        std::fputs(bytes.isNull() ? "refused\n" : bytes.constData(), stdout);
+        return bytes.isNull() ? 1 : 0;
+    }
     if (command == "hold" && two)
         return hold(std::atoi(argv[2]), std::atoi(argv[3]));
     if (command == "race" && two)
