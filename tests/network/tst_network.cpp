@@ -146,9 +146,8 @@ private slots:
         if (app->networkManager)
             app->networkManager->clearConnectionCache();
         manifest().clear();
-        QDir dir(downloads());
-        for (const QString& name : dir.entryList(QDir::Files))
-            dir.remove(name);
+        QDir(downloads()).removeRecursively();
+        QDir().mkpath(downloads());
     }
 
     void offerRules_data()
@@ -228,9 +227,9 @@ private slots:
         QList<DlrManifestElement> offers;
         for (const QString& name : names)
             offers << offer(name);
-        QRegExp tool(QStringLiteral("Tool"));
         if (names.contains(QStringLiteral("Tool")))
             QTest::ignoreMessage(QtDebugMsg, "Product with no version \"Tool\"");
+        QRegExp tool(QStringLiteral("Tool"));
         QCOMPARE(DlrManifestElement::FindHighestVersionOfProduct(offers, tool), expected);
     }
 
@@ -302,28 +301,27 @@ private slots:
         const QStringList appended = served + QStringList{"Appended-1.0.pkg"};
         const QString unknown = QStringLiteral("Unknown manifest Validation");
         const QString timedOut = DlrNetworkError(QNetworkReply::TimeoutError);
-        QTest::newRow("approved") << "" << "a&b" << "" << "valid" << served << "";
-        QTest::newRow("approved is a prefix") << "validation=approved-xyz" << "a&b" << "" << "valid" << served << "";
-        QTest::newRow("refused with a reason") << "" << "nobody" << "" << "Account not found" << QStringList() << "";
-        QTest::newRow("bare error") << "validation=bare-error" << "a&b" << "" << "Manifest request denied"
-                                    << QStringList() << "";
-        QTest::newRow("no header") << "validation=missing" << "a&b" << "" << unknown << QStringList() << "";
-        QTest::newRow("server error status, no header")
-            << "status=500" << "a&b" << "" << unknown << QStringList()
-            << DlrNetworkError(QNetworkReply::InternalServerError);
-        QTest::newRow("silent before the headers") << "delay=10" << "a&b" << "" << unknown << QStringList() << timedOut;
-        QTest::newRow("silent after the headers")
-            << "stall_after=0" << "a&b" << "" << "bad manifest reply" << QStringList() << timedOut;
-        QTest::newRow("connection refused") << "refused" << "a&b" << "" << unknown << QStringList()
-                                            << DlrNetworkError(QNetworkReply::ConnectionRefusedError);
-        QTest::newRow("appended file") << "" << "a&b" << "member" << "valid" << appended << "";
-        QTest::newRow("appended file from the environment") << "" << "a&b" << "environment" << "valid" << appended
-                                                            << "";
+        // Unless a row says otherwise: a&b asks, with no local file, and nothing is read.
+        const auto row = [](const char* tag, const QString& query, const QString& outcome, const QString& details = {},
+                            const QStringList& offers = {}, const QString& local = {}, const QString& user = "a&b") {
+            QTest::newRow(tag) << query << user << local << outcome << offers << details;
+        };
+        row("approved", "", "valid", "", served);
+        row("approved is a prefix", "validation=approved-xyz", "valid", "", served);
+        row("refused with a reason", "", "Account not found", "", {}, "", "nobody");
+        row("bare error", "validation=bare-error", "Manifest request denied");
+        row("no header", "validation=missing", unknown);
+        row("server error status, no header", "status=500", unknown, DlrNetworkError(QNetworkReply::InternalServerError));
+        row("silent before the headers", "delay=10", unknown, timedOut);
+        row("silent after the headers", "stall_after=0", "bad manifest reply", timedOut);
+        row("connection refused", "refused", unknown, DlrNetworkError(QNetworkReply::ConnectionRefusedError));
+        row("appended file", "", "valid", "", appended, "member");
+        row("appended file from the environment", "", "valid", "", appended, "environment");
         // Broken XML is still dumped byte for byte, and the offers read before
         // the error stay, followed by the appended ones.
-        QTest::newRow("malformed, dumped") << "validation=malformed" << "a&b" << "member" << "bad manifest reply"
-                                           << QStringList{served.first(), "", appended.last()} << "";
-        QTest::newRow("disk only, file missing") << "" << "a&b" << "disk" << "valid" << QStringList() << "";
+        row("malformed, dumped", "validation=malformed", "bad manifest reply", "", {served.first(), "", appended.last()},
+            "member");
+        row("disk only, file missing", "", "valid", "", {}, "disk");
     }
 
     void manifestRequest()
@@ -463,8 +461,7 @@ private slots:
         QVERIFY2(proxy.waitForStarted(5000), "tinyproxy is missing: scripts/setup installs it");
         const auto stop = qScopeGuard([&proxy] {
             proxy.terminate();
-            if (!proxy.waitForFinished(5000))
-                proxy.kill();
+            proxy.waitForFinished(5000); // what is left, the process object kills
         });
         QTRY_VERIFY_WITH_TIMEOUT(QFile(log).size() > 0 && [port] {
             QTcpSocket probe;
@@ -594,54 +591,42 @@ private slots:
 
     void transfer_data()
     {
-        QTest::addColumn<QString>("name");  // the package on the server
+        QTest::addColumn<QString>("name");  // the package on the server; Replaced.pkg changes after the first try
         QTest::addColumn<QString>("query"); // its fault switches; "refused": a closed port
         QTest::addColumn<qint64>("size");   // the offer's FileSize
         QTest::addColumn<int>("limit");     // the file size limit while the first try runs
         QTest::addColumn<QString>("reason");
         QTest::addColumn<int>("failures"); // tries that fail with the reason
         QTest::addColumn<bool>("rest");    // each retry asks for the rest only
-        QTest::addColumn<bool>("replaced"); // the package changes after the first try
 
-        const QString product = QStringLiteral("Product.pkg");
+        // Unless a row says otherwise: Product.pkg as offered, failing once, each retry for the rest only.
+        const auto row = [](const char* tag, const QString& query, const QString& reason, int failures = 1,
+                            bool rest = true, qint64 size = 300000, int limit = 0, const QString& name = "Product.pkg") {
+            QTest::newRow(tag) << name << query << size << limit << reason << failures << rest;
+        };
         const QString cut = DlrNetworkError(QNetworkReply::RemoteHostClosedError);
         const QString timedOut = DlrNetworkError(QNetworkReply::TimeoutError);
         const QString tooLarge = QStringLiteral("Could not write %1/%2.vlumdownload: File too large");
-        QTest::newRow("whole") << product << "" << qint64(300000) << 0 << "" << 0 << true << false;
-        QTest::newRow("dropped mid-download") << product << "drop_after=100000&fault_times=1" << qint64(300000) << 0
-                                              << cut << 1 << true << false;
-        QTest::newRow("404") << product << "status=404&fault_times=1" << qint64(300000) << 0
-                             << DlrNetworkError(QNetworkReply::ContentNotFoundError) << 1 << true << false;
-        QTest::newRow("500") << product << "status=500&fault_times=1" << qint64(300000) << 0
-                             << DlrNetworkError(QNetworkReply::InternalServerError) << 1 << true << false;
-        QTest::newRow("refused") << product << "refused" << qint64(300000) << 0
-                                 << DlrNetworkError(QNetworkReply::ConnectionRefusedError) << 1 << true << false;
-        QTest::newRow("not a url") << product << "not a url" << qint64(300000) << 0
-                                   << DlrNetworkError(QNetworkReply::ProtocolUnknownError) << 1 << true << false;
+        row("whole", "", "", 0);
+        row("dropped mid-download", "drop_after=100000&fault_times=1", cut);
+        row("404", "status=404&fault_times=1", DlrNetworkError(QNetworkReply::ContentNotFoundError));
+        row("500", "status=500&fault_times=1", DlrNetworkError(QNetworkReply::InternalServerError));
+        row("refused", "refused", DlrNetworkError(QNetworkReply::ConnectionRefusedError));
+        row("not a url", "not a url", DlrNetworkError(QNetworkReply::ProtocolUnknownError));
         // The network layer calls these complete; only the byte count tells.
-        QTest::newRow("no length, closed early")
-            << product << "no_length=1&drop_after=100000&fault_times=1" << qint64(300000) << 0
-            << "Download incomplete: 100000 of 300000 bytes" << 1 << true << false;
-        QTest::newRow("shorter than offered") << product << "" << qint64(300001) << 0
-                                              << "Download incomplete: 300000 of 300001 bytes" << 1 << false << false;
-        QTest::newRow("longer than offered") << product << "" << qint64(299999) << 0
-                                             << "Download larger than expected: 300000 of 299999 bytes" << 1 << false
-                                             << false;
-        QTest::newRow("silent after the headers") << product << "stall_after=0&fault_times=1" << qint64(300000) << 0
-                                                  << timedOut << 1 << true << false;
-        QTest::newRow("silent mid-body") << product << "stall_after=100000&fault_times=1" << qint64(300000) << 0
-                                         << timedOut << 1 << true << false;
+        row("no length, closed early", "no_length=1&drop_after=100000&fault_times=1",
+            "Download incomplete: 100000 of 300000 bytes");
+        row("shorter than offered", "", "Download incomplete: 300000 of 300001 bytes", 1, false, 300001);
+        row("longer than offered", "", "Download larger than expected: 300000 of 299999 bytes", 1, false, 299999);
+        row("silent after the headers", "stall_after=0&fault_times=1", timedOut);
+        row("silent mid-body", "stall_after=100000&fault_times=1", timedOut);
         // The cause, not the abort it led to; data that did not reach the
         // disk never gets the final name.
-        QTest::newRow("disk full while copying") << product << "" << qint64(300000) << 64000
-                                                 << tooLarge.arg(downloads(), product) << 1 << false << false;
+        row("disk full while copying", "", tooLarge.arg(downloads(), "Product.pkg"), 1, false, 300000, 64000);
         // Small enough to sit in the file's buffer until it is flushed.
-        QTest::newRow("disk full only at flush") << "small.pkg" << "" << qint64(3000) << 2000
-                                                 << tooLarge.arg(downloads(), "small.pkg") << 1 << false << false;
-        QTest::newRow("cut at ten offsets") << "Big.pkg" << "drop_after=6000000&fault_times=10" << qint64(64 << 20)
-                                            << 0 << cut << 10 << true << false;
-        QTest::newRow("package replaced in between") << "Replaced.pkg" << "drop_after=100000&fault_times=1"
-                                                     << qint64(300000) << 0 << cut << 1 << false << true;
+        row("disk full only at flush", "", tooLarge.arg(downloads(), "small.pkg"), 1, false, 3000, 2000, "small.pkg");
+        row("cut at ten offsets", "drop_after=6000000&fault_times=10", cut, 10, true, 64 << 20, 0, "Big.pkg");
+        row("package replaced in between", "drop_after=100000&fault_times=1", cut, 1, false, 300000, 0, "Replaced.pkg");
     }
 
     // The reason reaches the user and the partial file keeps its temporary
@@ -656,7 +641,6 @@ private slots:
         QFETCH(QString, reason);
         QFETCH(int, failures);
         QFETCH(bool, rest);
-        QFETCH(bool, replaced);
         const QString final = downloads() + '/' + name;
         QUrl source = server.url(QStringLiteral("packages/") + name + '?' + query);
         if (query == QLatin1String("refused"))
@@ -672,13 +656,12 @@ private slots:
                     full.emplace(limit);
                 QCOMPARE(download(&received), reason);
             }
-            QVERIFY(QFile::exists(final + QStringLiteral(".vlumdownload")));
-            QVERIFY(!QFile::exists(final));
+            QCOMPARE(QDir(downloads()).entryList(QDir::Files), QStringList{name + QStringLiteral(".vlumdownload")});
             QVERIFY(!manifest().at(0).downloaded);
             QVERIFY(!manifest().at(0).downloadFile);
             if (limit > 0)
                 QVERIFY(QFileInfo(final + QStringLiteral(".vlumdownload")).size() <= limit);
-            if (replaced) {
+            if (name == QLatin1String("Replaced.pkg")) {
                 QByteArray other = server.package(name);
                 std::reverse(other.begin(), other.end());
                 server.writeCatalogFile(QStringLiteral("packages/") + name, other); // a new ETag
