@@ -130,7 +130,6 @@ private slots:
         QSslConfiguration::setDefaultConfiguration(config);
         server.writeCatalogFile(QStringLiteral("append.xml"),
                                 "<M><ProductInfo><Name>Appended-1.0.pkg</Name></ProductInfo></M>");
-        QCOMPARE(dlrApp()->GetDownloadDir()->absolutePath(), downloads());
     }
 
     void init()
@@ -143,6 +142,8 @@ private slots:
         // Where the server falls silent, 2 s without data is enough to give up.
         app->transferTimeout = QByteArray(QTest::currentDataTag()).startsWith("silent") ? 2 : 30;
         qunsetenv("DLR_APPEND_MANIFEST_FILE");
+        qunsetenv("https_proxy");
+        qunsetenv("no_proxy");
         if (app->networkManager)
             app->networkManager->clearConnectionCache();
         manifest().clear();
@@ -311,7 +312,8 @@ private slots:
         row("refused with a reason", "", "Account not found", "", {}, "", "nobody");
         row("bare error", "validation=bare-error", "Manifest request denied");
         row("no header", "validation=missing", unknown);
-        row("server error status, no header", "status=500", unknown, DlrNetworkError(QNetworkReply::InternalServerError));
+        row("server error status, no header", "status=500", unknown,
+            DlrNetworkError(QNetworkReply::InternalServerError));
         row("silent before the headers", "delay=10", unknown, timedOut);
         row("silent after the headers", "stall_after=0", "bad manifest reply", timedOut);
         row("connection refused", "refused", unknown, DlrNetworkError(QNetworkReply::ConnectionRefusedError));
@@ -319,8 +321,8 @@ private slots:
         row("appended file from the environment", "", "valid", "", appended, "environment");
         // Broken XML is still dumped byte for byte, and the offers read before
         // the error stay, followed by the appended ones.
-        row("malformed, dumped", "validation=malformed", "bad manifest reply", "", {served.first(), "", appended.last()},
-            "member");
+        row("malformed, dumped", "validation=malformed", "bad manifest reply", "",
+            {served.first(), "", appended.last()}, "member");
         row("disk only, file missing", "", "valid", "", {}, "disk");
     }
 
@@ -447,17 +449,14 @@ private slots:
     {
         QFETCH(QByteArray, noProxy);
         QFETCH(int, tunnels);
-        QTemporaryDir state;
         const quint16 port = freePort();
-        const QString log = state.filePath(QStringLiteral("proxy.log"));
-        QFile config(state.filePath(QStringLiteral("proxy.conf")));
-        QVERIFY(config.open(QIODevice::WriteOnly));
-        config.write(QStringLiteral("Port %1\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 60\nMaxClients 10\n"
-                                    "LogLevel Connect\nLogFile \"%2\"\n").arg(port).arg(log).toUtf8());
-        config.close();
+        const QString log = server.catalogPath(QStringLiteral("proxy-%1.log").arg(port));
+        server.writeCatalogFile(QStringLiteral("proxy.conf"),
+                                QStringLiteral("Port %1\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 60\nMaxClients 10\n"
+                                               "LogLevel Connect\nLogFile \"%2\"\n").arg(port).arg(log).toUtf8());
         QProcess proxy;
         proxy.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        proxy.start(QStringLiteral("tinyproxy"), {QStringLiteral("-d"), QStringLiteral("-c"), config.fileName()});
+        proxy.start(QStringLiteral("tinyproxy"), {"-d", "-c", server.catalogPath(QStringLiteral("proxy.conf"))});
         QVERIFY2(proxy.waitForStarted(5000), "tinyproxy is missing: scripts/setup installs it");
         const auto stop = qScopeGuard([&proxy] {
             proxy.terminate();
@@ -471,10 +470,6 @@ private slots:
 
         qputenv("https_proxy", "http://127.0.0.1:" + QByteArray::number(port));
         qputenv("no_proxy", noProxy);
-        const auto unset = qScopeGuard([] {
-            qunsetenv("https_proxy");
-            qunsetenv("no_proxy");
-        });
         QCOMPARE(requestManifest(server.url(QStringLiteral("forum/currentproducts.php"))), QStringLiteral("valid"));
         dlrApp()->networkManager->clearConnectionCache();
         QCOMPARE(download(), QString());
