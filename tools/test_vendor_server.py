@@ -44,9 +44,7 @@ class Server:
         self.base = "%s://127.0.0.1:%d" % (self.scheme, self.port)
         self.context = ssl.create_default_context(cafile=None if self.ca == "-" else self.ca)
 
-    def connect(self):
-        if self.scheme == "http":
-            return http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+    def connect(self):  # plain HTTP is read through exchange()
         return http.client.HTTPSConnection("127.0.0.1", self.port, timeout=30, context=self.context)
 
     def __enter__(self):
