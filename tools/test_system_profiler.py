@@ -27,17 +27,13 @@ class SystemProfiler(unittest.TestCase):
                 if os.stat(maya).st_mtime != stamp:
                     self.skipTest("this file system cannot date a folder past 9999")
             env = dict(os.environ, VLUM_MAYA_ROOT=root)
-            args = [PROFILER, "-xml", "SPHardwareDataType", "SPInstallHistoryDataType"]
-            if not reader_gone:
-                run = subprocess.run(args, env=env, capture_output=True, text=True, timeout=30)
-                return run.returncode, run.stdout, run.stderr
             read_end, write_end = os.pipe()
-            os.close(read_end)
-            try:
-                run = subprocess.run(args, env=env, stdout=write_end, stderr=subprocess.PIPE, text=True, timeout=30)
-            finally:
-                os.close(write_end)
-            return run.returncode, "", run.stderr
+            os.close(read_end)  # the reader, gone before the profiler starts
+            with open(write_end, "w") as gone:
+                run = subprocess.run([PROFILER, "-xml", "SPHardwareDataType", "SPInstallHistoryDataType"], env=env,
+                                     stdout=gone if reader_gone else subprocess.PIPE, stderr=subprocess.PIPE,
+                                     text=True, timeout=30)
+            return run.returncode, run.stdout or "", run.stderr
 
     def test_exit_and_error_line(self):
         for case, stamp, reader_gone, status, stderr in self.CASES:

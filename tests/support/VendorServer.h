@@ -123,33 +123,21 @@ public:
 
     void stop()
     {
-        if (process.state() == QProcess::NotRunning)
-            return;
         process.terminate();
         if (!process.waitForFinished(5000))
             process.kill();
         process.waitForFinished(5000);
     }
 
-    QUrl url(const QString& path) const
-    {
-        QUrl url = base;
-        const int query = path.indexOf(QLatin1Char('?'));
-        url.setPath(QLatin1Char('/') + path.left(query));
-        if (query >= 0)
-            url.setQuery(path.mid(query + 1));
-        return url;
-    }
+    QUrl url(const QString& path) const { return base.resolved(QUrl(path)); }
 
     // The requests the server received, oldest first.
     QList<QJsonObject> requests() const
     {
         QList<QJsonObject> entries;
         QFile file(logPath);
-        if (!file.open(QIODevice::ReadOnly))
-            return entries;
-        for (const QByteArray& line : file.readAll().split('\n')) {
-            if (!line.trimmed().isEmpty())
+        for (const QByteArray& line : file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList()) {
+            if (!line.isEmpty())
                 entries << QJsonDocument::fromJson(line).object();
         }
         return entries;
