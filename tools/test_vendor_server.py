@@ -1,6 +1,6 @@
-# The real vendor server as a child process, over sockets: only what the C++ suites, which drive it end
-# to end, never reach (its own state folder, the raw log, path escapes, bad switch values, byte ranges,
-# bodies without a length, the command-line switches). python3 -m unittest tools/test_vendor_server.py
+"""The real vendor server as a child process, over sockets: only what the C++ suites, which drive it end
+to end, never reach (its own state folder, the raw log, path escapes, bad switch values, byte ranges,
+bodies without a length, the command-line switches). python3 -m unittest tools/test_vendor_server.py"""
 import http.client, json, os, re, select, signal, socket, ssl, subprocess, tempfile, unittest
 import xml.etree.ElementTree as ET
 
