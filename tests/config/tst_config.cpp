@@ -4,6 +4,7 @@
 // there); then the network error texts.
 
 #include "../support/ChildRun.h"
+#include "../support/ProductTree.h"
 
 #include "DlrNetworkError.h"
 #include "DlrOptions.h"
@@ -17,13 +18,6 @@ class TestConfig : public QObject
     QScopedPointer<QTemporaryDir> scratch;
     QString home;
     QString bundle;
-
-    static void write(const QString& path, const QByteArray& text)
-    {
-        QFile file(path);
-        QVERIFY2(QDir().mkpath(QFileInfo(path).path()) && file.open(QIODevice::WriteOnly), qPrintable(path));
-        file.write(text);
-    }
 
 private slots:
     // Each case gets a fresh home folder and a fresh bundle holding a copy of
@@ -124,10 +118,9 @@ private slots:
         QFETCH(QString, bundleFolder);
         QFETCH(QStringList, env);
         const QString bundleIniPath = bundle + bundleFolder + "/vluminstaller.ini";
-        if (!homeIni.isNull())
-            write(home + "/vluminstaller.ini", homeIni);
-        if (!bundleIni.isNull())
-            write(bundleIniPath, bundleIni);
+        ProductTree files(scratch->path());
+        QVERIFY(homeIni.isNull() || files.file("home/vluminstaller.ini", homeIni));
+        QVERIFY(bundleIni.isNull() || files.file("bundle" + bundleFolder + "/vluminstaller.ini", bundleIni));
 
         const ChildRun run = runChild(bundle + "/bin/dlrprobe", args, home, env << "DLRPROBE_LOG=1");
         QVERIFY2(run.exitStatus == QProcess::NormalExit && run.exitCode == 0, run.err.constData());
