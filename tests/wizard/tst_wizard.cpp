@@ -28,8 +28,7 @@ namespace {
 
 // $5 is the package. A gated package prints each line only once the file
 // <package>.<n> exists; every package it finishes is listed in installed.txt.
-const char kInstaller[] = R"(#!/bin/sh
-pkg="$5"
+const char kInstaller[] = R"(pkg="$5"
 gate() { i=0; while [ ! -e "$pkg.$1" ]; do sleep 0.02; i=$((i+1)); [ $i -lt 1500 ] || exit 3; done; }
 case "$pkg" in
   *Gated*)
@@ -251,12 +250,11 @@ private slots:
         QFETCH(QString, sheet);
         const bool inBundle = sheetFile == "-";
         QTemporaryDir bundle; // bin/ is where the program runs
-        const QString path = bundle.filePath("Resources/stylesheets/vluminstaller.qss");
-        QFile file(path);
-        QVERIFY(QDir().mkpath(bundle.filePath("bin")) && QDir().mkpath(bundle.filePath("Resources/stylesheets")));
+        ProductTree tree(bundle.path());
+        const QString path = "Resources/stylesheets/vluminstaller.qss";
+        QVERIFY(tree.folder("bin") && tree.folder("Resources/stylesheets"));
         if (!inBundle && !sheetFile.isNull())
-            QVERIFY(sheetFile == "/" ? QDir().mkpath(path) : file.open(QIODevice::WriteOnly) && file.write(sheetFile) > 0);
-        file.close();
+            QVERIFY(sheetFile == "/" ? tree.folder(path) : tree.file(path, sheetFile));
         DlrApp* app = dlrApp();
         if (!inBundle)
             app->appDirPath = bundle.filePath("bin");
@@ -748,19 +746,17 @@ private slots:
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QProcess::ExitStatus>("exitStatus");
         QTest::addColumn<QStringList>("dialogs");
-        const auto row = [](const char* tag, QMessageBox::StandardButton answer, bool endsWhileOpen, int exitCode,
-                            QProcess::ExitStatus exitStatus, const QStringList& dialogs) {
-            QTest::newRow(tag) << answer << endsWhileOpen << exitCode << exitStatus << dialogs;
-        };
         const QStringList back{"A Product Install Is In Progress"};
-        row("back, ok", QMessageBox::Ok, false, 0, QProcess::NormalExit, back);
-        row("back, cancel", QMessageBox::Cancel, false, 0, QProcess::NormalExit, back);
-        row("back, ends, ok", QMessageBox::Ok, true, 0, QProcess::NormalExit, back);
-        row("back, ends, cancel", QMessageBox::Cancel, true, 0, QProcess::NormalExit, back);
-        row("failure code", QMessageBox::NoButton, false, 1, QProcess::NormalExit, {});
-        row("crash", QMessageBox::NoButton, false, 9, QProcess::CrashExit, {"Installer exited with err. Exit code: 9"});
-        row("negative code", QMessageBox::NoButton, false, -2, QProcess::NormalExit,
-            {"Installer exited with err. Exit code: -2"});
+        const QProcess::ExitStatus normal = QProcess::NormalExit;
+        QTest::newRow("back, ok") << QMessageBox::Ok << false << 0 << normal << back;
+        QTest::newRow("back, cancel") << QMessageBox::Cancel << false << 0 << normal << back;
+        QTest::newRow("back, ends, ok") << QMessageBox::Ok << true << 0 << normal << back;
+        QTest::newRow("back, ends, cancel") << QMessageBox::Cancel << true << 0 << normal << back;
+        QTest::newRow("failure code") << QMessageBox::NoButton << false << 1 << normal << QStringList();
+        QTest::newRow("crash") << QMessageBox::NoButton << false << 9 << QProcess::CrashExit
+                               << QStringList{"Installer exited with err. Exit code: 9"};
+        QTest::newRow("negative code") << QMessageBox::NoButton << false << -2 << normal
+                                       << QStringList{"Installer exited with err. Exit code: -2"};
     }
 
     void duringInstall()
@@ -902,17 +898,14 @@ int main(int argc, char** argv)
         return runWithDlrApp<TestWizard>(argc, argv, {"-user", "demo", "-pass", "velluma"});
     QCoreApplication app(argc, argv);
     QTemporaryDir bundle;
-    const QString real = app.applicationDirPath() + "/..", copy = bundle.filePath("tests/tst_wizard");
-    QFile script(bundle.filePath("libexec/installer"));
-    if (!QDir().mkpath(bundle.filePath("tests")) || !QDir().mkpath(bundle.filePath("libexec"))
-        || !QFile::copy(app.applicationFilePath(), copy) || !QFile::link(real + "/Resources", bundle.filePath("Resources"))
-        || !QFile::link(real + "/libexec/system_profiler", bundle.filePath("libexec/system_profiler"))
-        || !script.open(QIODevice::WriteOnly) || script.write(kInstaller) < 0
-        || !script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner)) {
+    ProductTree tree(bundle.path());
+    const QString real = app.applicationDirPath() + "/..", copy = tree.path("tests/tst_wizard");
+    if (!tree.folder("tests") || !tree.script("libexec/installer", kInstaller)
+        || !QFile::copy(app.applicationFilePath(), copy) || !QFile::link(real + "/Resources", tree.path("Resources"))
+        || !QFile::link(real + "/libexec/system_profiler", tree.path("libexec/system_profiler"))) {
         qCritical("could not make the scripted bundle in %s", qPrintable(bundle.path()));
         return 1;
     }
-    script.close();
     qputenv("VLUM_SCRIPTED_BUNDLE", "1");
     return QProcess::execute(copy, app.arguments().mid(1));
 }
