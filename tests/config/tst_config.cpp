@@ -134,11 +134,8 @@ private slots:
         // ident and this process's id; debug and warning only at level 0,
         // critical and info always, and nothing once the filter's object is gone.
         const QString prefix = QStringLiteral("Velluma Installer[%1]: ").arg(run.pid);
-        QStringList logged;
-        for (const QByteArray& line : run.err.split('\n')) {
-            if (line.startsWith("Velluma Installer["))
-                logged << QString::fromLocal8Bit(line).remove(prefix);
-        }
+        const QStringList logged = QString::fromLocal8Bit(run.err).split('\n').filter(QRegularExpression(
+            "^Velluma Installer\\[")).replaceInStrings(prefix, QString());
         QStringList wanted{"Critical: probe critical line", "Info: probe info line", "Debug: probe debug after shutdown"};
         if (config.contains("\nlogLevel=0\n"))
             wanted = QStringList{"Debug: probe debug line", "Warning: probe warning line"} + wanted;
