@@ -102,7 +102,6 @@ class TestWizard : public QObject
     QLineEdit* field(const char* name) const { return child<QLineEdit>(name); }
     QString label(const char* name) const { return child<QLabel>(name)->text(); }
     QListWidget* list() const { return child<QListWidget>(); }
-    QProgressBar* bar() const { return child<QProgressBar>(); }
     QAbstractButton* backButton() const { return window->button(QWizard::CustomButton1); }
     DlrSelection* selection() const { return qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage)); }
     DlrDownload* download() const { return qobject_cast<DlrDownload*>(window->page(DlrMainWindow::DownloadPage)); }
@@ -129,17 +128,16 @@ class TestWizard : public QObject
     // installed core server; "vfm 21.0 2018 100000": an installed bridge.
     void setMachine(const QStringList& machine)
     {
-        ProductTree tree(work.filePath("Oktavo"));
-        const QString mayaRoot = work.filePath("autodesk");
-        QVERIFY(QDir(tree.root).removeRecursively() && QDir(mayaRoot).removeRecursively());
-        QVERIFY(tree.folder(".") && QDir().mkpath(mayaRoot));
+        ProductTree tree(work.path());
+        QVERIFY(QDir(tree.path("Oktavo")).removeRecursively() && QDir(tree.path("autodesk")).removeRecursively());
+        QVERIFY(tree.folder("Oktavo") && tree.folder("autodesk"));
         for (const QString& line : machine) {
             const QStringList f = line.split(' ');
-            const QString bridge = QStringLiteral("VellumaForMaya-%1-maya%2").arg(f[1], f.value(2));
+            const QString bridge = QStringLiteral("Oktavo/VellumaForMaya-%1-maya%2").arg(f[1], f.value(2));
             if (f[0] == "maya")
-                QVERIFY(QDir(mayaRoot).mkpath("maya" + f[1]));
+                QVERIFY(tree.folder("autodesk/maya" + f[1]));
             else if (f[0] == "vcs")
-                QVERIFY(tree.banner(QStringLiteral("VCS-%1/bin/vlrender").arg(f[1]), f[1], f[2]));
+                QVERIFY(tree.banner(QStringLiteral("Oktavo/VCS-%1/bin/vlrender").arg(f[1]), f[1], f[2]));
             else
                 QVERIFY(tree.plugin(bridge)
                         && tree.file(bridge + "/etc/buildid.txt", ("Velluma " + f[1] + " @" + f[3]).toUtf8()));
@@ -148,9 +146,8 @@ class TestWizard : public QObject
 
     void setManifest(const QByteArray& xml)
     {
-        QFile file(work.filePath("manifest.xml"));
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(xml) == xml.size());
-        dlrApp()->alternateManifestFile = file.fileName();
+        QVERIFY(ProductTree(work.path()).file("manifest.xml", xml));
+        dlrApp()->alternateManifestFile = work.filePath("manifest.xml");
     }
 
     QStringList rows() const
@@ -610,14 +607,14 @@ private slots:
         QStringList shown; // what the page shows the moment a download is done or an install starts
         log.tap = [&](const QString& line) {
             if (line.startsWith("Download complete!"))
-                shown << QStringLiteral("%1 %2").arg(bar()->value()).arg(label("downloadAmount"));
+                shown << QStringLiteral("%1 %2").arg(child<QProgressBar>()->value()).arg(label("downloadAmount"));
             if (line.startsWith("running installer"))
                 shown << label("downloadStatus");
         };
         WizardDriver::enterDownloads(window);
 
         QTRY_COMPARE_WITH_TIMEOUT(label("downloadStatus"), "Installing Product Gated...", 20000);
-        QCOMPARE(bar()->value(), 625);
+        QCOMPARE(child<QProgressBar>()->value(), 625);
         const QString whole = DlrHumanBytes(3000) + '/' + DlrHumanBytes(3000);
         QCOMPARE(shown, (QStringList{"0 ", "Download/Installing", "375 " + whole, "Downloading Product B...",
                                      "625 " + whole, "Downloading Product Gated..."}));
@@ -628,13 +625,13 @@ private slots:
             {640, "Running package scripts"}};
         for (int gate = 1; gate <= steps.size(); ++gate) {
             openGates("Gated.pkg", gate);
-            QTRY_COMPARE(bar()->value(), steps[gate - 1].first);
+            QTRY_COMPARE(child<QProgressBar>()->value(), steps[gate - 1].first);
             QTRY_COMPARE(label("downloadAmount"), steps[gate - 1].second);
         }
         openGates("Gated.pkg", 5);
 
         waitForFinishedPage();
-        QCOMPARE(bar()->value(), 1000);
+        QCOMPARE(child<QProgressBar>()->value(), 1000);
         QCOMPARE(nobody.texts, QStringList());
         QCOMPARE(installed(), (QStringList{"A.pkg", "B.pkg", "Gated.pkg"}));
         QCOMPARE(packageRequests("A.pkg"), 0);
