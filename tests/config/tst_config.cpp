@@ -4,6 +4,7 @@
 // there); then the network error texts.
 
 #include "../support/ChildRun.h"
+#include "../support/ProductTree.h"
 
 #include "DlrNetworkError.h"
 #include "DlrOptions.h"
@@ -17,13 +18,6 @@ class TestConfig : public QObject
     QScopedPointer<QTemporaryDir> scratch;
     QString home;
     QString bundle;
-
-    static void write(const QString& path, const QByteArray& text)
-    {
-        QFile file(path);
-        QVERIFY2(QDir().mkpath(QFileInfo(path).path()) && file.open(QIODevice::WriteOnly), qPrintable(path));
-        file.write(text);
-    }
 
 private slots:
     // Each case gets a fresh home folder and a fresh bundle holding a copy of
@@ -124,10 +118,9 @@ private slots:
         QFETCH(QString, bundleFolder);
         QFETCH(QStringList, env);
         const QString bundleIniPath = bundle + bundleFolder + "/vluminstaller.ini";
-        if (!homeIni.isNull())
-            write(home + "/vluminstaller.ini", homeIni);
-        if (!bundleIni.isNull())
-            write(bundleIniPath, bundleIni);
+        ProductTree files(scratch->path());
+        QVERIFY(homeIni.isNull() || files.file("home/vluminstaller.ini", homeIni));
+        QVERIFY(bundleIni.isNull() || files.file("bundle" + bundleFolder + "/vluminstaller.ini", bundleIni));
 
         const ChildRun run = runChild(bundle + "/bin/dlrprobe", args, home, env << "DLRPROBE_LOG=1");
         QVERIFY2(run.exitStatus == QProcess::NormalExit && run.exitCode == 0, run.err.constData());
@@ -141,11 +134,8 @@ private slots:
         // ident and this process's id; debug and warning only at level 0,
         // critical and info always, and nothing once the filter's object is gone.
         const QString prefix = QStringLiteral("Velluma Installer[%1]: ").arg(run.pid);
-        QStringList logged;
-        for (const QByteArray& line : run.err.split('\n')) {
-            if (line.startsWith("Velluma Installer["))
-                logged << QString::fromLocal8Bit(line).remove(prefix);
-        }
+        const QStringList logged = QString::fromLocal8Bit(run.err).split('\n').filter(QRegularExpression(
+            "^Velluma Installer\\[")).replaceInStrings(prefix, QString());
         QStringList wanted{"Critical: probe critical line", "Info: probe info line", "Debug: probe debug after shutdown"};
         if (config.contains("\nlogLevel=0\n"))
             wanted = QStringList{"Debug: probe debug line", "Warning: probe warning line"} + wanted;

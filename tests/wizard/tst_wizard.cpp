@@ -28,8 +28,7 @@ namespace {
 
 // $5 is the package. A gated package prints each line only once the file
 // <package>.<n> exists; every package it finishes is listed in installed.txt.
-const char kInstaller[] = R"(#!/bin/sh
-pkg="$5"
+const char kInstaller[] = R"(pkg="$5"
 gate() { i=0; while [ ! -e "$pkg.$1" ]; do sleep 0.02; i=$((i+1)); [ $i -lt 1500 ] || exit 3; done; }
 case "$pkg" in
   *Gated*)
@@ -103,7 +102,6 @@ class TestWizard : public QObject
     QLineEdit* field(const char* name) const { return child<QLineEdit>(name); }
     QString label(const char* name) const { return child<QLabel>(name)->text(); }
     QListWidget* list() const { return child<QListWidget>(); }
-    QProgressBar* bar() const { return child<QProgressBar>(); }
     QAbstractButton* backButton() const { return window->button(QWizard::CustomButton1); }
     DlrSelection* selection() const { return qobject_cast<DlrSelection*>(window->page(DlrMainWindow::SelectionPage)); }
     DlrDownload* download() const { return qobject_cast<DlrDownload*>(window->page(DlrMainWindow::DownloadPage)); }
@@ -130,17 +128,16 @@ class TestWizard : public QObject
     // installed core server; "vfm 21.0 2018 100000": an installed bridge.
     void setMachine(const QStringList& machine)
     {
-        ProductTree tree(work.filePath("Oktavo"));
-        const QString mayaRoot = work.filePath("autodesk");
-        QVERIFY(QDir(tree.root).removeRecursively() && QDir(mayaRoot).removeRecursively());
-        QVERIFY(tree.folder(".") && QDir().mkpath(mayaRoot));
+        ProductTree tree(work.path());
+        QVERIFY(QDir(tree.path("Oktavo")).removeRecursively() && QDir(tree.path("autodesk")).removeRecursively());
+        QVERIFY(tree.folder("Oktavo") && tree.folder("autodesk"));
         for (const QString& line : machine) {
             const QStringList f = line.split(' ');
-            const QString bridge = QStringLiteral("VellumaForMaya-%1-maya%2").arg(f[1], f.value(2));
+            const QString bridge = QStringLiteral("Oktavo/VellumaForMaya-%1-maya%2").arg(f[1], f.value(2));
             if (f[0] == "maya")
-                QVERIFY(QDir(mayaRoot).mkpath("maya" + f[1]));
+                QVERIFY(tree.folder("autodesk/maya" + f[1]));
             else if (f[0] == "vcs")
-                QVERIFY(tree.banner(QStringLiteral("VCS-%1/bin/vlrender").arg(f[1]), f[1], f[2]));
+                QVERIFY(tree.banner(QStringLiteral("Oktavo/VCS-%1/bin/vlrender").arg(f[1]), f[1], f[2]));
             else
                 QVERIFY(tree.plugin(bridge)
                         && tree.file(bridge + "/etc/buildid.txt", ("Velluma " + f[1] + " @" + f[3]).toUtf8()));
@@ -149,9 +146,8 @@ class TestWizard : public QObject
 
     void setManifest(const QByteArray& xml)
     {
-        QFile file(work.filePath("manifest.xml"));
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(xml) == xml.size());
-        dlrApp()->alternateManifestFile = file.fileName();
+        QVERIFY(ProductTree(work.path()).file("manifest.xml", xml));
+        dlrApp()->alternateManifestFile = work.filePath("manifest.xml");
     }
 
     QStringList rows() const
@@ -180,8 +176,7 @@ class TestWizard : public QObject
     int packageRequests(const QString& name) const
     {
         const QList<QJsonObject> all = server.requests().mid(requestsBefore);
-        return int(std::count_if(all.begin(), all.end(),
-                                 [&](const QJsonObject& request) { return request["path"] == "/packages/" + name; }));
+        return int(std::count_if(all.begin(), all.end(), [&](const auto& r) { return r["path"] == "/packages/" + name; }));
     }
 
     void waitForFinishedPage() { QTRY_COMPARE_WITH_TIMEOUT(window->currentId(), int(DlrMainWindow::FinishedPage), 20000); }
@@ -252,12 +247,11 @@ private slots:
         QFETCH(QString, sheet);
         const bool inBundle = sheetFile == "-";
         QTemporaryDir bundle; // bin/ is where the program runs
-        const QString path = bundle.filePath("Resources/stylesheets/vluminstaller.qss");
-        QFile file(path);
-        QVERIFY(QDir().mkpath(bundle.filePath("bin")) && QDir().mkpath(bundle.filePath("Resources/stylesheets")));
+        ProductTree tree(bundle.path());
+        const QString path = "Resources/stylesheets/vluminstaller.qss";
+        QVERIFY(tree.folder("bin") && tree.folder("Resources/stylesheets"));
         if (!inBundle && !sheetFile.isNull())
-            QVERIFY(sheetFile == "/" ? QDir().mkpath(path) : file.open(QIODevice::WriteOnly) && file.write(sheetFile) > 0);
-        file.close();
+            QVERIFY(sheetFile == "/" ? tree.folder(path) : tree.file(path, sheetFile));
         DlrApp* app = dlrApp();
         if (!inBundle)
             app->appDirPath = bundle.filePath("bin");
@@ -271,10 +265,8 @@ private slots:
         QStringList names;
         for (int id : window->pageIds()) {
             QCOMPARE(window->page(id)->pixmap(QWizard::BannerPixmap).isNull(), !inBundle);
-            for (const QWidget* widget : window->page(id)->findChildren<QWidget*>()) {
-                if (!widget->objectName().startsWith("qt_"))
-                    names << widget->objectName();
-            }
+            for (const QWidget* widget : window->page(id)->findChildren<QWidget*>())
+                names << widget->objectName();
         }
         if (!inBundle)
             QCOMPARE(app->styleSheet(), sheet);
@@ -282,7 +274,7 @@ private slots:
         // (a renamed widget would silently lose its look), and every picture it
         // names is found whatever the current folder (a missing one would
         // leave a tick box silently empty).
-        names.removeAll(QString());
+        names = names.filter(QRegularExpression("^(?!qt_)."));
         QVERIFY(names.size() >= 9);
         for (const QString& name : names)
             QVERIFY2(!inBundle || app->styleSheet().contains('#' + name), qPrintable(name));
@@ -388,48 +380,41 @@ private slots:
     {
         QTest::addColumn<QByteArray>("xml");
         QTest::addColumn<QStringList>("machine");
-        QTest::addColumn<QList<int>>("chosen");
-        QTest::addColumn<QList<int>>("hidden");
-        const auto row = [](const char* tag, const QByteArray& xml, const QStringList& machine, const QList<int>& chosen,
-                            const QList<int>& hidden) { QTest::newRow(tag) << xml << machine << chosen << hidden; };
-        row("bare machine: newest server and shown offers", kCatalog, {}, {0, 8}, {1, 2, 3, 4, 5, 6, 7, 9, 10});
-        row("Maya 2018: its bridge and the host-agnostic one", kCatalog, {"maya 2018"}, {0, 1, 3, 8},
-            {2, 4, 5, 6, 7, 9, 10});
-        row("Maya 2019 only: no 2018 bridge", kCatalog, {"maya 2019"}, {0, 3, 8}, {1, 2, 4, 5, 6, 7, 9, 10});
-        row("same server build: bridges still offered", kCatalog, {"maya 2018", "vcs 22.0 200000"}, {1, 3, 8},
-            {0, 2, 4, 5, 6, 7, 9, 10});
-        row("newer server build: no bridges", kCatalog, {"maya 2018", "vcs 22.0 300000"}, {8},
-            {0, 1, 2, 3, 4, 5, 6, 7, 9, 10});
-        row("older server build: update and bridges", kCatalog, {"maya 2018", "vcs 22.0 100000"}, {0, 1, 3, 8},
-            {2, 4, 5, 6, 7, 9, 10});
-        row("older major installed: both versions considered", kCatalog, {"maya 2018", "vcs 21.0 50000"},
-            {0, 1, 3, 5, 6, 8}, {2, 4, 7, 9, 10});
-        row("older major current: its missing bridge only", kCatalog, {"maya 2018", "vcs 21.0 100000"},
-            {0, 1, 3, 6, 8}, {2, 4, 5, 7, 9, 10});
-        row("older major with its bridge installed", kCatalog, {"maya 2018", "vcs 21.0 100000", "vfm 21.0 2018 100000"},
-            {0, 1, 3, 8}, {2, 4, 5, 6, 7, 9, 10});
-        row("older major newer than offered", kCatalog, {"maya 2018", "vcs 21.0 150000"}, {0, 1, 3, 8},
-            {2, 4, 5, 6, 7, 9, 10});
-        row("empty manifest", manifest({}), {"maya 2018"}, {}, {});
-        row("no core server: no bridges", manifest({kMaya2018, kMaya2020, kMayaAny}), {"maya 2018"}, {}, {0, 1, 2});
+        QTest::addColumn<QByteArray>("fates"); // offer by offer: c chosen, h hidden, . (or none left) neither
+        const auto row = [](const char* tag, const QByteArray& xml, const QStringList& machine, const char* fates) {
+            QTest::newRow(tag) << xml << machine << QByteArray(fates);
+        };
+        row("bare machine: newest server and shown offers", kCatalog, {}, "chhhhhhhchh");
+        row("Maya 2018: its bridge and the host-agnostic one", kCatalog, {"maya 2018"}, "cchchhhhchh");
+        row("Maya 2019 only: no 2018 bridge", kCatalog, {"maya 2019"}, "chhchhhhchh");
+        row("same server build: bridges still offered", kCatalog, {"maya 2018", "vcs 22.0 200000"}, "hchchhhhchh");
+        row("newer server build: no bridges", kCatalog, {"maya 2018", "vcs 22.0 300000"}, "hhhhhhhhchh");
+        row("older server build: update and bridges", kCatalog, {"maya 2018", "vcs 22.0 100000"}, "cchchhhhchh");
+        row("older major installed: both versions considered", kCatalog, {"maya 2018", "vcs 21.0 50000"}, "cchchcchchh");
+        row("older major current: its missing bridge only", kCatalog, {"maya 2018", "vcs 21.0 100000"}, "cchchhchchh");
+        row("older major with its bridge installed", kCatalog,
+            {"maya 2018", "vcs 21.0 100000", "vfm 21.0 2018 100000"}, "cchchhhhchh");
+        row("older major newer than offered", kCatalog, {"maya 2018", "vcs 21.0 150000"}, "cchchhhhchh");
+        row("empty manifest", manifest({}), {"maya 2018"}, "");
+        row("no core server: no bridges", manifest({kMaya2018, kMaya2020, kMayaAny}), {"maya 2018"}, "hhh");
         row("server without a version is not chosen",
             manifest({offer("", "Velluma-CoreServer.pkg", "Velluma CoreServer", "200000"), kMayaAny}), {"maya 2018"},
-            {}, {0, 1});
-        row("duplicate offer: the first is chosen", manifest({kCore22, kCore22}), {}, {0}, {1});
+            "hh");
+        row("duplicate offer: the first is chosen", manifest({kCore22, kCore22}), {}, "ch");
         row("chosen server keeps its place without a URL or size",
             manifest({offer("22.0", "Velluma-CoreServer-22.0.200000.pkg", "Velluma CoreServer 22.0", "200000",
                             "automatic", 0, "http://[bad"),
                       kMayaAny}),
-            {"maya 2018"}, {0, 1}, {});
+            {"maya 2018"}, "cc");
         row("names that leave the download folder are never listed",
             manifest({offer("22.0", "../Velluma-CoreServer-22.0.300000.pkg", "Velluma CoreServer 22.0", "300000"),
                       offer("22.0", "/tmp/VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show"),
                       offer("22.0", "sub/VellumaDocs-22.0.pkg", "Velluma Docs", "1", "show"),
                       offer("22.0", "..", "Velluma Extras", "1", "show"), kCore22}),
-            {}, {4}, {});
+            {}, "....c");
         row("a negative size is unknown",
             manifest({kCore22, offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show", -5)}),
-            {}, {0}, {});
+            {}, "c");
     }
 
     // What the rules choose and hide for one manifest on one machine. Each
@@ -439,8 +424,12 @@ private slots:
     {
         QFETCH(QByteArray, xml);
         QFETCH(QStringList, machine);
-        QFETCH(QList<int>, chosen);
-        QFETCH(QList<int>, hidden);
+        QFETCH(QByteArray, fates);
+        QList<int> chosen, hidden;
+        for (int i = 0; i < fates.size(); ++i) {
+            if (fates[i] != '.')
+                (fates[i] == 'c' ? chosen : hidden) << i;
+        }
         setMachine(machine);
         setManifest(xml);
         if (QTest::currentDataTag() == QByteArray("Maya 2018: its bridge and the host-agnostic one")) {
@@ -590,16 +579,13 @@ private slots:
         QCOMPARE(list()->count(), 2);
         DialogAnswerer user(QMessageBox::Ok);
         QCOMPARE(selection()->validatePage(), needed == 0);
-        if (needed == 0) {
-            QVERIFY(user.texts.isEmpty());
-            QCOMPARE(dlrApp()->downloadIndices, (QList<int>{0, 1}));
-            return;
-        }
-        QCOMPARE(user.texts, QStringList{"You do not have enough free disk space to download the selected products"});
-        QCOMPARE(user.informative.first(), QStringLiteral("Needed %1 for selected downloads. There is %2 of available space on %3")
-                                               .arg(DlrHumanBytes(needed), DlrHumanBytes(1048576), small.path()));
-        QVERIFY(dlrApp()->downloadIndices.isEmpty());
-        if (coreSize > 262144 * 2)
+        QCOMPARE(dlrApp()->downloadIndices, (needed ? QList<int>() : QList<int>{0, 1}));
+        const QString space = QStringLiteral("Needed %1 for selected downloads. There is %2 of available space on %3")
+                                  .arg(DlrHumanBytes(needed), DlrHumanBytes(1048576), small.path());
+        QCOMPARE(user.informative, needed ? QStringList{space} : QStringList());
+        QCOMPARE(user.texts, needed ? QStringList{"You do not have enough free disk space to download the selected products"}
+                                    : QStringList());
+        if (needed == 0 || coreSize > 262144 * 2)
             return;
         tick(1, false);
         QVERIFY(selection()->validatePage());
@@ -621,32 +607,31 @@ private slots:
         QStringList shown; // what the page shows the moment a download is done or an install starts
         log.tap = [&](const QString& line) {
             if (line.startsWith("Download complete!"))
-                shown << QStringLiteral("%1 %2").arg(bar()->value()).arg(label("downloadAmount"));
+                shown << QStringLiteral("%1 %2").arg(child<QProgressBar>()->value()).arg(label("downloadAmount"));
             if (line.startsWith("running installer"))
                 shown << label("downloadStatus");
         };
         WizardDriver::enterDownloads(window);
 
         QTRY_COMPARE_WITH_TIMEOUT(label("downloadStatus"), "Installing Product Gated...", 20000);
-        QCOMPARE(bar()->value(), 625);
+        QCOMPARE(child<QProgressBar>()->value(), 625);
         const QString whole = DlrHumanBytes(3000) + '/' + DlrHumanBytes(3000);
         QCOMPARE(shown, (QStringList{"0 ", "Download/Installing", "375 " + whole, "Downloading Product B...",
                                      "625 " + whole, "Downloading Product Gated..."}));
-        openGates("Gated.pkg", 1);
-        QTRY_COMPARE(label("downloadAmount"), "Validating packages");
-        QCOMPARE(bar()->value(), 625);
-        openGates("Gated.pkg", 2);
-        QTRY_COMPARE(bar()->value(), 687); // 625 + 0.5 x 125, truncated
-        QCOMPARE(label("downloadAmount"), "Validating packages");
-        openGates("Gated.pkg", 3);
-        QTRY_COMPARE(label("downloadAmount"), "Running package scripts");
-        openGates("Gated.pkg", 4);
-        QTRY_COMPARE(bar()->value(), 640); // a line with a percentage moves only the bar
-        QCOMPARE(label("downloadAmount"), "Running package scripts");
+        // Bar and label after each installer line: 687 is 625 + 0.5 x 125,
+        // truncated; a line with a percentage moves only the bar.
+        const QList<QPair<int, QString>> steps{
+            {625, "Validating packages"}, {687, "Validating packages"}, {687, "Running package scripts"},
+            {640, "Running package scripts"}};
+        for (int gate = 1; gate <= steps.size(); ++gate) {
+            openGates("Gated.pkg", gate);
+            QTRY_COMPARE(child<QProgressBar>()->value(), steps[gate - 1].first);
+            QTRY_COMPARE(label("downloadAmount"), steps[gate - 1].second);
+        }
         openGates("Gated.pkg", 5);
 
         waitForFinishedPage();
-        QCOMPARE(bar()->value(), 1000);
+        QCOMPARE(child<QProgressBar>()->value(), 1000);
         QCOMPARE(nobody.texts, QStringList());
         QCOMPARE(installed(), (QStringList{"A.pkg", "B.pkg", "Gated.pkg"}));
         QCOMPARE(packageRequests("A.pkg"), 0);
@@ -755,19 +740,17 @@ private slots:
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QProcess::ExitStatus>("exitStatus");
         QTest::addColumn<QStringList>("dialogs");
-        const auto row = [](const char* tag, QMessageBox::StandardButton answer, bool endsWhileOpen, int exitCode,
-                            QProcess::ExitStatus exitStatus, const QStringList& dialogs) {
-            QTest::newRow(tag) << answer << endsWhileOpen << exitCode << exitStatus << dialogs;
-        };
         const QStringList back{"A Product Install Is In Progress"};
-        row("back, ok", QMessageBox::Ok, false, 0, QProcess::NormalExit, back);
-        row("back, cancel", QMessageBox::Cancel, false, 0, QProcess::NormalExit, back);
-        row("back, ends, ok", QMessageBox::Ok, true, 0, QProcess::NormalExit, back);
-        row("back, ends, cancel", QMessageBox::Cancel, true, 0, QProcess::NormalExit, back);
-        row("failure code", QMessageBox::NoButton, false, 1, QProcess::NormalExit, {});
-        row("crash", QMessageBox::NoButton, false, 9, QProcess::CrashExit, {"Installer exited with err. Exit code: 9"});
-        row("negative code", QMessageBox::NoButton, false, -2, QProcess::NormalExit,
-            {"Installer exited with err. Exit code: -2"});
+        const QProcess::ExitStatus normal = QProcess::NormalExit;
+        QTest::newRow("back, ok") << QMessageBox::Ok << false << 0 << normal << back;
+        QTest::newRow("back, cancel") << QMessageBox::Cancel << false << 0 << normal << back;
+        QTest::newRow("back, ends, ok") << QMessageBox::Ok << true << 0 << normal << back;
+        QTest::newRow("back, ends, cancel") << QMessageBox::Cancel << true << 0 << normal << back;
+        QTest::newRow("failure code") << QMessageBox::NoButton << false << 1 << normal << QStringList();
+        QTest::newRow("crash") << QMessageBox::NoButton << false << 9 << QProcess::CrashExit
+                               << QStringList{"Installer exited with err. Exit code: 9"};
+        QTest::newRow("negative code") << QMessageBox::NoButton << false << -2 << normal
+                                       << QStringList{"Installer exited with err. Exit code: -2"};
     }
 
     void duringInstall()
@@ -909,17 +892,14 @@ int main(int argc, char** argv)
         return runWithDlrApp<TestWizard>(argc, argv, {"-user", "demo", "-pass", "velluma"});
     QCoreApplication app(argc, argv);
     QTemporaryDir bundle;
-    const QString real = app.applicationDirPath() + "/..", copy = bundle.filePath("tests/tst_wizard");
-    QFile script(bundle.filePath("libexec/installer"));
-    if (!QDir().mkpath(bundle.filePath("tests")) || !QDir().mkpath(bundle.filePath("libexec"))
-        || !QFile::copy(app.applicationFilePath(), copy) || !QFile::link(real + "/Resources", bundle.filePath("Resources"))
-        || !QFile::link(real + "/libexec/system_profiler", bundle.filePath("libexec/system_profiler"))
-        || !script.open(QIODevice::WriteOnly) || script.write(kInstaller) < 0
-        || !script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner)) {
+    ProductTree tree(bundle.path());
+    const QString real = app.applicationDirPath() + "/..", copy = tree.path("tests/tst_wizard");
+    if (!tree.folder("tests") || !tree.script("libexec/installer", kInstaller)
+        || !QFile::copy(app.applicationFilePath(), copy) || !QFile::link(real + "/Resources", tree.path("Resources"))
+        || !QFile::link(real + "/libexec/system_profiler", tree.path("libexec/system_profiler"))) {
         qCritical("could not make the scripted bundle in %s", qPrintable(bundle.path()));
         return 1;
     }
-    script.close();
     qputenv("VLUM_SCRIPTED_BUNDLE", "1");
     return QProcess::execute(copy, app.arguments().mid(1));
 }
