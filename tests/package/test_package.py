@@ -72,6 +72,11 @@ class Package(unittest.TestCase):
     def test_installed_with_its_dependencies_met(self):
         self.assertEqual(self.install.returncode, 0, self.install.stdout + self.install.stderr)
         self.assertEqual(self.status, "install ok installed")
+        # Computed from the binaries: the wizard's Qt, the installer's
+        # libarchive and OpenSSL; python3 for the profiler script.
+        depends = run("dpkg-deb", "--field", self.deb, "Depends").stdout.strip().split(", ")
+        self.assertLessEqual({"libqt5widgets5", "libqt5network5", "libqt5xml5", "libarchive13", "libssl3", "python3"},
+                             {d.split()[0] for d in depends})
 
     def test_bundle_matches_the_build(self):
         # bin/, libexec/ and Resources/ exactly as the build tree's bundle, programs still programs.
