@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DlrApp.h"
 #include "DlrMachineAssay.h"
 
 #include <QStringList>
@@ -12,4 +13,14 @@ inline QString recordText(const AssayedProduct& product)
     for (const char* key : {"ProductName", "Version", "BuildId", "MayaVersion", "Location"})
         fields << product.value(QLatin1String(key));
     return fields.join(QLatin1Char('|'));
+}
+
+// What a new survey finds, one line a record, with the product root shown as "~".
+inline QStringList surveyedRecords(const QString& productRoot)
+{
+    dlrApp()->DoAssay();
+    QStringList records;
+    for (const AssayedProduct& product : dlrApp()->assay->FindAssayedProductByVersion(QString(), QString()))
+        records << recordText(product).replace(productRoot, QStringLiteral("~"));
+    return records;
 }

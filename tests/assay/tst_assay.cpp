@@ -14,6 +14,7 @@
 
 #include <QDirIterator>
 #include <QRegularExpression>
+#include <QStorageInfo>
 
 #include <sys/stat.h>
 
@@ -63,11 +64,8 @@ class TestAssay : public QObject
             QTest::ignoreMessage(QtDebugMsg, QRegularExpression(QStringLiteral("^Got system profile")));
         else
             QTest::ignoreMessage(QtDebugMsg, "Couldn't read system_profiler output");
-        dlrApp()->DoAssay();
+        const QStringList records = surveyedRecords(productRoot);
         assay = dlrApp()->assay;
-        QStringList records;
-        for (const AssayedProduct& product : assay->FindAssayedProductByVersion(QString(), QString()))
-            records << recordText(product).replace(productRoot, QStringLiteral("~"));
         return records;
     }
 
@@ -304,14 +302,10 @@ private slots:
         QCOMPARE(best, ties.first());
     }
 
-    // Checked against df on a real folder.
+    // Checked against what Qt says of a real folder.
     void availableDisk()
     {
-        QProcess df;
-        df.start(QStringLiteral("df"), {QStringLiteral("-B1"), QStringLiteral("--output=avail"), scratch.path()});
-        QVERIFY(df.waitForFinished(10000));
-        const qint64 expected = df.readAllStandardOutput().split('\n').value(1).trimmed().toLongLong();
-        QVERIFY(expected > 0);
+        const qint64 expected = QStorageInfo(scratch.path()).bytesAvailable();
         const qint64 available = DlrMachineAssay::GetAvailableDisk(QDir(scratch.path()));
         QVERIFY(available > 0);
         // Other programs write to the same disk meanwhile.
@@ -355,20 +349,17 @@ private slots:
         const ChildRun run = runChild(QCoreApplication::applicationFilePath(), {QStringLiteral("-debug")}, dir.path(),
                                       env << QStringLiteral("VLUM_SYSTEM_PROFILER=/bin/true") << QStringLiteral("VLUM_ASSAY_CHILD=1"));
         QCOMPARE(run.exitCode, 0);
-        QStringList records;
-        for (const QByteArray& line : run.out.split('\n')) {
-            if (line.startsWith("record "))
-                records << QString::fromUtf8(line.mid(7)).replace(dir.path(), QStringLiteral("~"));
-        }
-        QStringList roots;
-        QRegularExpression looking(QStringLiteral("Debug: Looking for oktavo products in (.*)$"));
-        for (const QByteArray& line : run.err.split('\n')) {
-            const QRegularExpressionMatch match = looking.match(QString::fromUtf8(line));
-            if (match.hasMatch())
-                roots << match.captured(1).replace(dir.path(), QStringLiteral("~"));
-        }
-        QCOMPARE(roots, searched);
-        QCOMPARE(records, expected);
+        // The text after `lead` on each line of `printed` that has it.
+        const auto after = [&](const char* lead, const QByteArray& printed) {
+            QStringList found;
+            auto lines = QRegularExpression(lead + QStringLiteral("(.*)$"), QRegularExpression::MultilineOption)
+                             .globalMatch(QString::fromUtf8(printed));
+            while (lines.hasNext())
+                found << lines.next().captured(1).replace(dir.path(), QStringLiteral("~"));
+            return found;
+        };
+        QCOMPARE(after("Debug: Looking for oktavo products in ", run.err), searched);
+        QCOMPARE(after("^record ", run.out), expected);
     }
 };
 

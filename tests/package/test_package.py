@@ -14,14 +14,11 @@ Needs root (dpkg, mount). Environment: VLUM_SOURCE_DIR, VLUM_BUILD_DIR, VLUM_CPA
 import glob
 import io
 import os
-import re
 import shutil
-import struct
 import subprocess
 import tarfile
 import tempfile
 import unittest
-import xml.etree.ElementTree as ET
 
 SOURCE = os.environ["VLUM_SOURCE_DIR"]
 BUILD = os.environ["VLUM_BUILD_DIR"]
@@ -65,19 +62,8 @@ class Package(unittest.TestCase):
     def at(self, path):
         return os.path.join(self.root, path)
 
-    def test_control_data(self):
-        control = dict(re.findall(r"^(\S+): (.*)$", run("dpkg-deb", "--field", self.deb).stdout, re.M))
-        with open(os.path.join(SOURCE, "CMakeLists.txt")) as f:
-            version = re.search(r"project\(\w+ VERSION ([\d.]+)", f.read()).group(1)
-        self.assertEqual(os.path.basename(self.deb), "%s_%s_amd64.deb" % (NAME, version))
-        for key, value in [("Package", NAME), ("Version", version), ("Architecture", "amd64")]:
-            self.assertEqual(control.get(key), value, key)
-        # Computed from the binaries: the wizard's Qt, the installer's
-        # libarchive and OpenSSL; python3 for the profiler script.
-        depends = {d.split()[0] for d in control.get("Depends", "").split(", ")}
-        self.assertLessEqual({"libqt5widgets5", "libqt5network5", "libqt5xml5", "libarchive13", "libssl3", "python3"},
-                             depends)
-        # Installing starts nothing: no maintainer scripts at all.
+    def test_no_maintainer_scripts(self):
+        # Installing starts nothing.
         control_tar = subprocess.run(["dpkg-deb", "--ctrl-tarfile", self.deb], capture_output=True, check=True)
         with tarfile.open(fileobj=io.BytesIO(control_tar.stdout)) as tar:
             members = {os.path.basename(n) for n in tar.getnames()}
@@ -86,16 +72,19 @@ class Package(unittest.TestCase):
     def test_installed_with_its_dependencies_met(self):
         self.assertEqual(self.install.returncode, 0, self.install.stdout + self.install.stderr)
         self.assertEqual(self.status, "install ok installed")
+        # Computed from the binaries: the wizard's Qt, the installer's
+        # libarchive and OpenSSL; python3 for the profiler script.
+        depends = run("dpkg-deb", "--field", self.deb, "Depends").stdout.strip().split(", ")
+        self.assertLessEqual({"libqt5widgets5", "libqt5network5", "libqt5xml5", "libarchive13", "libssl3", "python3"},
+                             {d.split()[0] for d in depends})
 
     def test_bundle_matches_the_build(self):
-        # bin/, libexec/ and Resources/ exactly as the build tree's bundle.
+        # bin/, libexec/ and Resources/ exactly as the build tree's bundle, programs still programs.
         def files(top):
-            return {os.path.relpath(os.path.join(d, n), top) for part in ("bin", "libexec", "Resources")
-                    for d, _, names in os.walk(os.path.join(top, part)) for n in names}
+            return {(os.path.relpath(os.path.join(d, n), top), os.access(os.path.join(d, n), os.X_OK))
+                    for part in ("bin", "libexec", "Resources") for d, _, names in os.walk(os.path.join(top, part))
+                    for n in names}
         self.assertEqual(files(self.at(PREFIX)), files(os.path.join(BUILD, "bundle")))
-        for program in ["bin/velluma-installer", "libexec/velluma-installer-helper", "libexec/installer",
-                        "libexec/install-helper", "libexec/system_profiler"]:
-            self.assertTrue(os.access(self.at(os.path.join(PREFIX, program)), os.X_OK), program)
         # install-helper refuses programs in anything root does not own alone.
         for dirpath, _, names in os.walk(self.at(PREFIX)):
             for path in [dirpath] + [os.path.join(dirpath, n) for n in names]:
@@ -112,23 +101,6 @@ class Package(unittest.TestCase):
                 quiet = check.stdout if command[0] == "desktop-file-validate" else ""
                 self.assertEqual((check.returncode, quiet), (0, ""), check.stdout + check.stderr)
 
-    def test_menu_entry_and_icons(self):
-        with open(self.at(DESKTOP)) as f:
-            entry = dict(re.findall(r"^(\w+)=(.*)$", f.read(), re.M))
-        self.assertEqual((entry["Name"], entry["Exec"].split()[0], entry["Icon"]),
-                         ("Velluma Installer", os.path.basename(LAUNCHER), NAME))
-        launchable = ET.parse(self.at(METAINFO)).getroot().find("launchable")
-        self.assertEqual(os.path.join("usr/share/applications", launchable.text), DESKTOP)
-        theme = self.at("usr/share/icons/hicolor")
-        for size in (16, 22, 24, 32, 48, 64, 128, 256):
-            path = os.path.join(theme, "%dx%d/apps/%s.png" % (size, size, NAME))
-            with open(path, "rb") as f:
-                head = f.read(24)
-            self.assertEqual((head[:8], head[12:16]), (b"\x89PNG\r\n\x1a\n", b"IHDR"), path)
-            self.assertEqual(struct.unpack(">II", head[16:24]), (size, size), path)
-        svg = ET.parse(os.path.join(theme, "scalable/apps/%s.svg" % NAME)).getroot()
-        self.assertEqual(svg.tag, "{http://www.w3.org/2000/svg}svg")
-
     def test_launcher_runs_the_bundled_wizard(self):
         # Run with the scratch root's /opt on /opt, seen by nobody else.
         def in_namespace(*command):
@@ -141,9 +113,8 @@ class Package(unittest.TestCase):
         expected = run(os.path.join(BUILD, "bundle/bin/velluma-installer"), "-help",
                        env=dict(os.environ, QT_QPA_PLATFORM="offscreen"))
         got = in_namespace(self.at(LAUNCHER), "-help")
-        self.assertEqual(got.returncode, 0, got.stderr)
+        self.assertEqual((got.returncode, got.stdout), (0, expected.stdout), got.stderr)
         self.assertIn("-manifestserver", got.stdout)
-        self.assertEqual(got.stdout, expected.stdout)
 
 
 if __name__ == "__main__":
