@@ -9,6 +9,7 @@
 #include "../assay/RecordText.h"
 #include "../support/ChildRun.h"
 #include "../support/DialogAnswerer.h"
+#include "../support/Files.h"
 #include "../support/HelperProcess.h"
 #include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
@@ -49,12 +50,6 @@ Replacements faulty(const QString& package, const QString& switches)
 // The "show" offer's package replaced by one with the right name that is not an archive.
 const Replacements kCorrupt{{"/packages/" + kScenes, "/packages/corrupt.pkg"},
                             {"@SIZE:" + kScenes + "@", "@SIZE:corrupt.pkg@"}};
-
-QByteArray contents(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 // A document a reader takes. Hostile copies put their payload just after
 // `anchor`, inside text the reader keeps.
@@ -147,7 +142,7 @@ class TestFaults : public QObject
 
     void serve(const Replacements& replacements = {})
     {
-        QByteArray xml = contents(catalog + QStringLiteral("/manifest.xml"));
+        QByteArray xml = readFile(catalog + QStringLiteral("/manifest.xml"));
         for (const auto& replacement : replacements)
             xml.replace(replacement.first.toUtf8(), replacement.second.toUtf8());
         server.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
@@ -284,7 +279,7 @@ private slots:
         QCOMPARE(window->page(DlrMainWindow::DownloadPage)->findChild<QProgressBar*>()->value(), 999);
         QCOMPARE(QDir(downloads).entryList(QDir::Files, QDir::Name), (QStringList{kCore, kBridge, kScenes}));
         for (const QString& package : {kCore, kBridge, kScenes})
-            QVERIFY2(contents(downloads + QLatin1Char('/') + package) == server.package(package), qPrintable(package));
+            QVERIFY2(readFile(downloads + QLatin1Char('/') + package) == server.package(package), qPrintable(package));
         QCOMPARE(installed(), (QStringList{kCoreFolder, kScenesFolder, kBridgeFolder}));
         QVERIFY(QFileInfo(productRoot + QLatin1Char('/') + kCoreFolder + QStringLiteral("/bin/vlrender")).isExecutable());
         QCOMPARE(WizardDriver::runUntilExit([this] { window->button(QWizard::FinishButton)->click(); }), 0);
@@ -515,7 +510,7 @@ private slots:
         user.ready = [&] {
             const QDir dir(downloads);
             for (const QString& name : dir.entryList(QDir::Files)) {
-                if (!name.endsWith(QLatin1String(".vlumdownload")) && contents(dir.filePath(name)) != server.package(name))
+                if (!name.endsWith(QLatin1String(".vlumdownload")) && readFile(dir.filePath(name)) != server.package(name))
                     incomplete << name;
             }
             return true;
@@ -531,7 +526,7 @@ private slots:
         qint64 refetched = 0;
         for (int i = 0; i < offsets.size(); ++i) {
             const QString name = offers.at(i).name;
-            QVERIFY2(contents(downloads + QLatin1Char('/') + name) == server.package(name), qPrintable(name));
+            QVERIFY2(readFile(downloads + QLatin1Char('/') + name) == server.package(name), qPrintable(name));
             const QStringList ranges = requested(QStringLiteral("/packages/") + name);
             QCOMPARE(ranges.size(), 2); // the cut and one Retry
             const qint64 resumedAt = ranges.last().section(QLatin1Char('='), 1).section(QLatin1Char('-'), 0, 0).toLongLong();
@@ -586,7 +581,7 @@ private slots:
         QCOMPARE(user.informative.value(0).section(QStringLiteral(". Press Abort"), 0, 0), reason);
         QVERIFY(finalAtFailure.isEmpty());
         QVERIFY2(kept > 0 && kept <= 256 << 10, qPrintable(QString::number(kept)));
-        QCOMPARE(contents(downloads + QLatin1Char('/') + name), server.package(name));
+        QCOMPARE(readFile(downloads + QLatin1Char('/') + name), server.package(name));
         QCOMPARE(QDir(downloads).entryList(QDir::Files), QStringList{name});
         table << QStringLiteral("| disk full during a download (4 MiB tmpfs filled up) | 1 | \"Product download failed\": %1; "
                                 "Retry after making room completed | nothing; no final file while full, the %2 bytes "
@@ -676,12 +671,10 @@ private slots:
         const bool manifest = file.endsWith(QLatin1String("manifest.xml"));
         const QString secretPath = work.filePath(QStringLiteral("secret"));
         const QByteArray secret = "#0451-7723#";
-        QFile secretFile(secretPath);
-        QVERIFY(secretFile.open(QIODevice::WriteOnly) && secretFile.write(secret) == secret.size());
-        secretFile.close();
+        QVERIFY(writeFile(secretPath, secret));
 
         // A manifest's placeholders filled as the demo catalog fills them.
-        Source source{contents(QStringLiteral(VLUM_SOURCE_DIR "/") + file), anchor, endTag};
+        Source source{readFile(QStringLiteral(VLUM_SOURCE_DIR "/") + file), anchor, endTag};
         source.doc.replace("@BASE@", server.base.toString().toUtf8());
         source.doc = QString::fromUtf8(source.doc)
                          .replace(QRegularExpression(QStringLiteral("@SIZE:[^@]*@")), QStringLiteral("4096"))

@@ -4,6 +4,7 @@
 // users who attack the daemon.
 
 #include "../support/AttackTally.h"
+#include "../support/Files.h"
 #include "../support/HelperProcess.h"
 #include "../support/HelperSocket.h"
 #include "../support/StderrCapture.h"
@@ -71,12 +72,6 @@ DlrdMessage request(qint64 code)
     DlrdMessage message;
     message.SetInt64("message", code);
     return message;
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 // lchown, then chmod unless `mode` is -1.

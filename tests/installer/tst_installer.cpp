@@ -4,6 +4,7 @@
 // it.
 
 #include "../support/AttackTally.h"
+#include "../support/Files.h"
 #include "../support/HelperProcess.h"
 
 #include "DlrOSXProcess.h"
@@ -18,12 +19,6 @@ namespace {
 
 const QString kInstaller = QStringLiteral(VLUM_LIBEXEC_DIR "/installer");
 const QString kMakeTestPkg = QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/make-test-pkg");
-
-bool writeFile(const QString& path, const QByteArray& data)
-{
-    QFile file(path);
-    return QDir().mkpath(QFileInfo(path).path()) && file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
 
 // Every path below `root` with, for files, their content and, for links,
 // where they lead from `root` ("../" first when out of it): two equal

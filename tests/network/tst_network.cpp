@@ -3,6 +3,7 @@
 // proxies, and the download engine with every way a download fails.
 
 #include "../support/DialogAnswerer.h"
+#include "../support/Files.h"
 #include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
@@ -63,12 +64,6 @@ QString fields(const DlrManifestElement& e)
 QString downloads()
 {
     return QDir::homePath() + QStringLiteral("/Downloads");
-}
-
-QByteArray contents(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 quint16 freePort()
@@ -374,7 +369,7 @@ private slots:
                                                 "--form-string", "username=a&amp;b", "--form-string", "userpass=p&w",
                                                 url.toString()});
             QVERIFY(curl.waitForFinished(20000));
-            QCOMPARE(contents(dlrApp()->GetDownloadDir()->filePath(QStringLiteral("manifest.xml"))),
+            QCOMPARE(readFile(dlrApp()->GetDownloadDir()->filePath(QStringLiteral("manifest.xml"))),
                      curl.readAllStandardOutput());
         }
     }
@@ -469,7 +464,7 @@ private slots:
         dlrApp()->networkManager->clearConnectionCache();
         QCOMPARE(download(), QString());
         const QByteArray tunnel = "CONNECT 127.0.0.1:" + QByteArray::number(server.port) + " ";
-        QCOMPARE(int(contents(log).count(tunnel)), tunnels);
+        QCOMPARE(int(readFile(log).count(tunnel)), tunnels);
     }
 
     // What the user reads of sizes and of transfers that came up short.
@@ -561,10 +556,7 @@ private slots:
         const QString path = QDir(downloads()).absoluteFilePath(onDisk.replace(QLatin1Char('@'), elsewhere.path()));
         const QString target = kind == QLatin1String("link") ? elsewhere.filePath(QStringLiteral("real.pkg")) : path;
         QVERIFY(QDir().mkpath(QFileInfo(path).absolutePath()));
-        QFile file(target);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(QByteArray(kind == QLatin1String("empty") ? 0 : 100, 'x'));
-        file.close();
+        QVERIFY(writeFile(target, QByteArray(kind == QLatin1String("empty") ? 0 : 100, 'x')));
         const auto cleanUp = qScopeGuard([&] { QFile::remove(path); QDir(downloads()).rmdir(QStringLiteral("sub")); });
         if (kind == QLatin1String("link"))
             QVERIFY(QFile::link(target, path));
@@ -662,7 +654,7 @@ private slots:
             manifest()[0].FileSize = server.package(name).size();
         }
         QCOMPARE(download(&received), QString());
-        QCOMPARE(contents(final), server.package(name));
+        QCOMPARE(readFile(final), server.package(name));
         QCOMPARE(QDir(downloads()).entryList(QDir::Files), QStringList{name});
         QVERIFY(manifest().at(0).downloaded);
         QCOMPARE(manifest().at(0).downloadFile->fileName(), final);

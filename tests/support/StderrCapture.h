@@ -3,6 +3,8 @@
 // Collects what this process writes to standard error while it lives:
 // system-log lines reach standard error through LOG_PERROR.
 
+#include "Files.h"
+
 #include <QTemporaryFile>
 
 #include <cstdio>
@@ -26,8 +28,7 @@ public:
     QString Text()
     {
         std::fflush(stderr);
-        QFile copy(file.fileName());
-        return copy.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(copy.readAll()) : QString();
+        return QString::fromLocal8Bit(readFile(file.fileName()));
     }
 
 private:

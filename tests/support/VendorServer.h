@@ -3,6 +3,8 @@
 // The local vendor server (tools/vendor-server) as a child process of a
 // test, with a catalog folder of the test's own making.
 
+#include "Files.h"
+
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -35,11 +37,9 @@ public:
                          QJsonDocument(QJsonObject{{QStringLiteral("users"), table}}).toJson());
     }
 
-    void writeCatalogFile(const QString& name, const QByteArray& bytes)
+    bool writeCatalogFile(const QString& name, const QByteArray& bytes)
     {
-        QFile file(catalogPath(name));
-        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            file.write(bytes);
+        return writeFile(catalogPath(name), bytes);
     }
 
     // A package of the given size whose bytes follow a pattern, so a
@@ -57,12 +57,8 @@ public:
     bool makeInstallablePackage(const QString& name, const QString& folder)
     {
         QTemporaryDir payload;
-        const QString product = payload.filePath(QStringLiteral("opt/Oktavo/") + folder);
-        QFile readme(product + QStringLiteral("/README.txt"));
-        if (!QDir().mkpath(product) || !readme.open(QIODevice::WriteOnly) || readme.write(folder.toUtf8() + '\n') < 0)
-            return false;
-        readme.close();
-        return QProcess::execute(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-pkg"),
+        return writeFile(payload.filePath(QStringLiteral("opt/Oktavo/%1/README.txt").arg(folder)), folder.toUtf8() + '\n')
+            && QProcess::execute(QStringLiteral(VLUM_SOURCE_DIR "/tools/make-pkg"),
                                  {"--identifier", "com.oktavo.test", "--version", "1.0", payload.path(),
                                   catalogPath(QStringLiteral("packages/") + name)})
             == 0;
@@ -96,8 +92,7 @@ public:
 
     QByteArray package(const QString& name) const
     {
-        QFile file(catalogPath(QStringLiteral("packages/") + name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        return readFile(catalogPath(QStringLiteral("packages/") + name));
     }
 
     // Starts the server; false when it did not say it was ready.
