@@ -19,6 +19,7 @@
 
 #include "DlrManifestHandler.h"
 #include "DlrNetworkError.h"
+#include "DlrPlatform.h"
 #include "DlrProfileReader.h"
 
 #include <QDesktopServices>
@@ -300,7 +301,7 @@ private slots:
         const QDir packages(catalog + QStringLiteral("/packages"));
         for (const QString& file : packages.entryList({QStringLiteral("*.pkg")}, QDir::Files)) {
             const ChildRun run = runChild(QStringLiteral(VLUM_LIBEXEC_DIR "/installer"),
-                                          {"-verboseR", "-target", "/", "-package", packages.filePath(file)}, work.path(),
+                                          DlrPlatform::PackageInstallerArguments(packages.filePath(file)), work.path(),
                                           {QStringLiteral("VLUM_INSTALL_ROOT=") + machine,
                                            QStringLiteral("VLUM_TRUSTED_KEYS=" VLUM_TRUSTED_DEMO_KEYS)});
             QVERIFY2(run.exitCode == 0 && run.out.contains("installer:STATUS:Signature verified")

@@ -10,6 +10,7 @@
 #include "../support/StderrCapture.h"
 
 #include "DlrOSXProcess.h"
+#include "DlrPlatform.h"
 #include "DlrdClient.h"
 #include "DlrdClientXPC.h"
 #include "DlrdWire.h"
@@ -260,7 +261,7 @@ private slots:
         const QByteArray end = "finished:0:" + QByteArray::number(int(QProcess::NormalExit));
         const Events refused{"error:" + QByteArray::number(int(QProcess::FailedToStart))};
         const auto run = [](const char* package) {
-            return QStringList{"@/installer", "-verboseR", "-target", "/", "-package", QLatin1String(package)};
+            return QStringList{"@/installer"} + DlrPlatform::PackageInstallerArguments(QLatin1String(package));
         };
         // The page may drop its process object at any time: the worker must
         // read on to the end without reaching the destroyed object, and the

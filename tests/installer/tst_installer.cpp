@@ -8,6 +8,7 @@
 #include "../support/HelperProcess.h"
 
 #include "DlrOSXProcess.h"
+#include "DlrPlatform.h"
 
 #include <QDirIterator>
 #include <QRegularExpression>
@@ -48,10 +49,7 @@ QStringList snapshot(const QString& root)
 int run(const QStringList& command, const QStringList& environment = {}, QByteArray* output = nullptr)
 {
     QProcess process;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    for (const QString& entry : environment)
-        env.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
-    process.setProcessEnvironment(env);
+    process.setProcessEnvironment(withEntries(QProcessEnvironment::systemEnvironment(), environment));
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(command.first(), command.mid(1));
     if (!process.waitForFinished(30000))
@@ -89,7 +87,7 @@ class TestInstaller : public QObject
 
     int install(const QString& package, const QStringList& environment, QByteArray* output = nullptr) const
     {
-        return run({kInstaller, "-verboseR", "-target", "/", "-package", package}, environment, output);
+        return run(QStringList{kInstaller} + DlrPlatform::PackageInstallerArguments(package), environment, output);
     }
 
 private slots:
@@ -117,7 +115,7 @@ private slots:
         QList<QByteArray> lines;
         connect(&process, &DlrOSXProcess::readyReadStandardOutput, this, [&] { lines << process.readAllStandardOutput(); });
         QSignalSpy finished(&process, &DlrOSXProcess::finished);
-        process.start(kInstaller, {"-verboseR", "-target", "/", "-package", package}, QIODevice::ReadOnly);
+        process.start(kInstaller, DlrPlatform::PackageInstallerArguments(package), QIODevice::ReadOnly);
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
 
         QVERIFY(!lines.isEmpty() && lines.first().startsWith("installer:PHASE:"));

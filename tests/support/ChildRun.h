@@ -41,9 +41,22 @@ struct ChildRun {
     }
 };
 
+// `env` with each entry applied: "NAME=value" sets, "NAME" removes.
+inline QProcessEnvironment withEntries(QProcessEnvironment env, const QStringList& entries)
+{
+    for (const QString& entry : entries) {
+        const int eq = entry.indexOf(QLatin1Char('='));
+        if (eq < 0)
+            env.remove(entry);
+        else
+            env.insert(entry.left(eq), entry.mid(eq + 1));
+    }
+    return env;
+}
+
 // HOME points at `home`; any debug switch of the caller's environment is
-// removed so that only what the test sets counts. An `extraEnv` entry is
-// "NAME=value", or "NAME" to remove it.
+// removed so that only what the test sets counts. `extraEnv`: entries as
+// withEntries() takes them.
 inline ChildRun runChild(const QString& program, const QStringList& args, const QString& home,
                          const QStringList& extraEnv = {})
 {
@@ -52,15 +65,8 @@ inline ChildRun runChild(const QString& program, const QStringList& args, const 
     env.remove(QStringLiteral("DLRPROBE_LOG"));
     env.insert(QStringLiteral("HOME"), home);
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    for (const QString& entry : extraEnv) {
-        const int eq = entry.indexOf(QLatin1Char('='));
-        if (eq < 0)
-            env.remove(entry);
-        else
-            env.insert(entry.left(eq), entry.mid(eq + 1));
-    }
     QProcess process;
-    process.setProcessEnvironment(env);
+    process.setProcessEnvironment(withEntries(env, extraEnv));
     process.start(program, args);
     ChildRun run;
     if (!process.waitForStarted(10000)) {

@@ -4,6 +4,7 @@
 // a socket in a temporary folder for as long as this object lives. Its log
 // (the copy of its system-log lines on standard error) goes to a file.
 
+#include "ChildRun.h"
 #include "DlrdConnection.h"
 
 #include <QFile>
@@ -23,9 +24,7 @@ public:
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.remove(QStringLiteral("VLUM_HELPER_SOCKET"));
-        for (const QString& entry : environment)
-            env.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
-        process.setProcessEnvironment(env);
+        process.setProcessEnvironment(withEntries(env, environment));
         process.setStandardOutputFile(QProcess::nullDevice());
         process.setStandardErrorFile(dir.filePath(QStringLiteral("helper.log")));
         process.start(program, arguments + QStringList{QStringLiteral("--socket"), SocketPath()});
