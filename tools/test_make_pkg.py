@@ -1,6 +1,6 @@
 """Runs make-pkg as a child process on inputs it must refuse.
 python3 -m unittest tools/test_make_pkg.py"""
-import os, re, subprocess, tempfile, unittest
+import os, re, shutil, subprocess, tempfile, unittest
 
 MAKE_PKG = os.path.join(os.path.dirname(os.path.abspath(__file__)), "make-pkg")
 
@@ -42,6 +42,8 @@ class MakePkg(unittest.TestCase):
                         continue
                     os.chmod(scratch, 0o755)
                     os.chmod(payload, 0o755)
+                    # That user may not reach the clone (under /root, say): it runs a copy it can read.
+                    args[0] = shutil.copy(MAKE_PKG, scratch)
                     args = ["setpriv", "--reuid=4242", "--regid=4242", "--clear-groups"] + args
                 run = subprocess.run([os.fsencode(a) for a in args], capture_output=True, timeout=60)
                 err = os.fsdecode(run.stderr)
