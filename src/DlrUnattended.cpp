@@ -12,14 +12,16 @@
 #include <QNetworkReply>
 #include <QTimer>
 
-void DlrPrepareUnattended(int argc, char** argv)
+void DlrPrepareHeadless(int argc, char** argv)
 {
     QStringList arguments;
     for (int i = 1; i < argc; ++i)
         arguments << QString::fromLocal8Bit(argv[i]);
     // Read as the application object will read them, so that "-user
-    // -unattended" names a user and does not switch the mode.
-    if (DlrParseArguments(arguments).unattended && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+    // -unattended" names a user and does not switch the mode. The usage
+    // text is the first thing typed over ssh, where there is no display.
+    const DlrOptions options = DlrParseArguments(arguments);
+    if ((options.unattended || options.usageAsked) && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
 }
 

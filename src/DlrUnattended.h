@@ -13,8 +13,9 @@
 
 class DlrOSXProcess;
 
-// Called first thing in main: a run without a window needs no display.
-void DlrPrepareUnattended(int argc, char** argv);
+// Called first thing in main: a run without a window (unattended, or just
+// the usage text) needs no display.
+void DlrPrepareHeadless(int argc, char** argv);
 
 // The whole flow without a window, for an administrator's script: the
 // configured credentials, the survey, the manifest, the offers the rules

@@ -4,7 +4,7 @@
 
 int main(int argc, char** argv)
 {
-    DlrPrepareUnattended(argc, argv);
+    DlrPrepareHeadless(argc, argv);
     DlrApp app(argc, argv);
     DlrInitializeLogging();
     if (app.Start())
