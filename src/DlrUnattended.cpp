@@ -12,6 +12,22 @@
 #include <QNetworkReply>
 #include <QTimer>
 
+namespace {
+
+QtMessageHandler qtHandler = nullptr;
+
+// Qt warns, while the application object is made, that a root shell without
+// a login session has no runtime folder; a run without a window has no use
+// for one, and the warning would only bury the run's own lines.
+void withoutRuntimeFolderWarning(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (type == QtWarningMsg && message.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR not set")))
+        return;
+    qtHandler(type, context, message);
+}
+
+} // namespace
+
 void DlrPrepareHeadless(int argc, char** argv)
 {
     QStringList arguments;
@@ -21,8 +37,12 @@ void DlrPrepareHeadless(int argc, char** argv)
     // -unattended" names a user and does not switch the mode. The usage
     // text is the first thing typed over ssh, where there is no display.
     const DlrOptions options = DlrParseArguments(arguments);
-    if ((options.unattended || options.usageAsked) && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+    if (!options.unattended && !options.usageAsked)
+        return;
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
+    // Until logging starts and installs its own handler.
+    qtHandler = qInstallMessageHandler(withoutRuntimeFolderWarning);
 }
 
 DlrUnattended::DlrUnattended()

@@ -143,7 +143,8 @@ private slots:
     }
 
     // The real program prints the usage text and leaves with status 0 before
-    // logging starts (though asked for) and before any window.
+    // logging starts (though asked for) and before any window: over ssh as
+    // root, with no display, no platform named and no runtime folder.
     void usage_data()
     {
         QTest::addColumn<QStringList>("args");
@@ -159,12 +160,14 @@ private slots:
     {
         QFETCH(QStringList, args);
         QFETCH(QByteArray, before);
-        const ChildRun run = runChild(VLUM_INSTALLER, args, home, {"VLUMINSTALLER_DEBUG_LOG=1"});
+        const ChildRun run = runChild(VLUM_INSTALLER, args, home,
+                                      {"VLUMINSTALLER_DEBUG_LOG=1", "QT_QPA_PLATFORM", "DISPLAY", "WAYLAND_DISPLAY",
+                                       "XDG_RUNTIME_DIR"});
         QVERIFY2(run.exitStatus == QProcess::NormalExit && run.exitCode == 0, run.err.constData());
         QFile expected(QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/usage.txt")); // the wording as users read it
         QVERIFY(expected.open(QIODevice::ReadOnly));
         QCOMPARE(run.out, before + expected.readAll());
-        QVERIFY2(!run.err.contains("Velluma Installer["), run.err.constData());
+        QCOMPARE(run.err, QByteArray());
     }
 
     void networkErrorTexts_data()
