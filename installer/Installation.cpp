@@ -146,7 +146,7 @@ void install(const CommandLine& line, const Progress& progress)
     const std::string keyFolder = TrustedKeys::folderFromEnvironment();
     const TrustedKeys keys = TrustedKeys::load(keyFolder);
     if (keys.empty())
-        progress.status("Packages are not verified: no trusted key is installed in " + keyFolder);
+        progress.warning("Packages are not verified: no trusted key is installed in " + keyFolder);
     const PackageCopy copy = PackageCopy::take(package);
     const PackageContents contents = readPackage(copy.bytes(), keys, package);
     if (!contents.signer.empty())

@@ -69,6 +69,11 @@ void Progress::status(std::string_view text) const
     say("installer:STATUS:" + std::string(text));
 }
 
+void Progress::warning(std::string_view text) const
+{
+    status("Warning: " + std::string(text));
+}
+
 void Progress::percent(double value) const
 {
     char line[64];

@@ -24,6 +24,8 @@ public:
     void say(std::string_view line) const;
     void phase(std::string_view text) const;
     void status(std::string_view text) const;
+    // A status line the unattended run reports as a warning of its own.
+    void warning(std::string_view text) const;
     // "installer:%<value with one decimal>", then the pause.
     void percent(double value) const;
 

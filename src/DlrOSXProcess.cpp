@@ -1,5 +1,6 @@
 #include "DlrOSXProcess.h"
 
+#include "DlrPlatform.h"
 #include "DlrWorker.h"
 #include "DlrdClient.h"
 
@@ -23,6 +24,11 @@ void DlrOSXProcess::start(const QString& program, const QStringList& arguments, 
     }
     if (!DlrdClient::s_client->initialized) {
         qDebug() << "Failed to communicate with helper service";
+        // Most often the helper was never set up: say where it was looked for and what sets it up.
+        failure = QStringLiteral("nothing answers on the helper's socket %1").arg(DlrPlatform::HelperSocketPath());
+        const QString setUp = DlrPlatform::HelperInstallProgram();
+        if (!setUp.isEmpty())
+            failure += QStringLiteral("; as root, %1 sets the helper up as a system service").arg(setUp);
         emit error(QProcess::FailedToStart);
         return;
     }
@@ -35,6 +41,7 @@ void DlrOSXProcess::start(const QString& program, const QStringList& arguments, 
     int pid = -1;
     if (DlrdClient::s_client->ExecuteCommand(argv, fd, pid) != 0) {
         qDebug() << "Failed to launch" << program << arguments;
+        failure = QStringLiteral("the helper refused to run it (its log says why)");
         emit error(QProcess::FailedToStart);
         return;
     }

@@ -26,6 +26,8 @@ public:
     void setProcessEnvironment(const QProcessEnvironment& environment);
     QByteArray readAllStandardOutput();
     QByteArray readAllStandardError();
+    // Why the last start failed, as QProcess says it, for a person to act on.
+    QString errorString() const { return failure; }
 
 signals:
     void error(QProcess::ProcessError error);
@@ -42,5 +44,6 @@ public slots:
 
 private:
     QByteArray output;           // the latest piece of output, until read
+    QString failure;
     DlrWorker* worker = nullptr; // deletes itself when done; not used after start
 };

@@ -303,6 +303,7 @@ void DlrUnattended::install()
         return;
     }
     installSucceeded = false;
+    installUnverified = false;
     installerReason.clear();
     installer = std::make_unique<DlrOSXProcess>();
     connect(installer.get(), &DlrOSXProcess::error, this, &DlrUnattended::installerError);
@@ -322,10 +323,16 @@ void DlrUnattended::installerOutput()
     // The installer's verdict is in its words: the helper cannot tell its
     // exit status.
     static const QString kError = QStringLiteral("installer: Error - ");
-    if (line.plain.startsWith(QLatin1String("installer: The install was successful.")))
+    static const QString kWarning = QStringLiteral("installer:STATUS:Warning: ");
+    if (line.plain.startsWith(QLatin1String("installer: The install was successful."))) {
         installSucceeded = true;
-    else if (line.plain.startsWith(kError))
+    } else if (line.plain.startsWith(kError)) {
         installerReason = line.plain.mid(kError.size());
+    } else if (line.plain.startsWith(kWarning)) {
+        const QString warning = line.plain.mid(kWarning.size());
+        installUnverified = installUnverified || warning.startsWith(QLatin1String("Packages are not verified"));
+        log.Event(QStringLiteral("warning"), currentName(), warning);
+    }
     else if (line.plain.startsWith(QLatin1String("installer:PHASE:")))
         log.Event(QStringLiteral("install"), currentName(), line.text.trimmed(),
                   {{QStringLiteral("state"), QStringLiteral("phase")}});
@@ -335,9 +342,10 @@ void DlrUnattended::installerError(QProcess::ProcessError error)
 {
     if (error != QProcess::FailedToStart)
         return; // finished() follows and reports it
+    const QString why = installer->errorString();
     // This runs inside the process object's start(): it must outlive it.
     installer.release()->deleteLater();
-    installEnded(false, QStringLiteral("could not start the installer through the helper"));
+    installEnded(false, QStringLiteral("could not start the installer through the helper: ") + why);
 }
 
 void DlrUnattended::installerFinished()
@@ -353,8 +361,10 @@ void DlrUnattended::installEnded(bool success, const QString& reason)
 {
     if (success) {
         ++installed;
-        log.Event(QStringLiteral("install"), currentName(), QStringLiteral("installed"),
-                  {{QStringLiteral("state"), QStringLiteral("installed")}});
+        unverified += installUnverified ? 1 : 0;
+        log.Event(QStringLiteral("install"), currentName(),
+                  installUnverified ? QStringLiteral("installed, unverified") : QStringLiteral("installed"),
+                  {{QStringLiteral("state"), QStringLiteral("installed")}, {QStringLiteral("verified"), !installUnverified}});
     } else {
         ++notInstalled;
         log.Event(QStringLiteral("install"), currentName(), QStringLiteral("failed: ") + reason,
@@ -374,16 +384,18 @@ void DlrUnattended::summarize()
 {
     const Outcome outcome = downloadFailures ? DownloadFailed : notInstalled ? InstallFailed : AllInstalled;
     log.Event(QStringLiteral("summary"), QString(),
-              QStringLiteral("%1 chosen, %2 installed, %3 downloaded only, %4 downloads failed, %5 not installed; "
-                             "exit status %6")
+              QStringLiteral("%1 chosen, %2 installed (%3 unverified), %4 downloaded only, %5 downloads failed, "
+                             "%6 not installed; exit status %7")
                   .arg(picked.size())
                   .arg(installed)
+                  .arg(unverified)
                   .arg(deliveredOnly)
                   .arg(downloadFailures)
                   .arg(notInstalled)
                   .arg(int(outcome)),
               {{QStringLiteral("chosen"), picked.size()},
                {QStringLiteral("installed"), installed},
+               {QStringLiteral("unverified"), unverified},
                {QStringLiteral("downloadedOnly"), deliveredOnly},
                {QStringLiteral("downloadsFailed"), downloadFailures},
                {QStringLiteral("notInstalled"), notInstalled},

@@ -80,9 +80,11 @@ private:
     QElapsedTimer sinceProgress;
     std::unique_ptr<DlrOSXProcess> installer;
     bool installSucceeded = false;
+    bool installUnverified = false; // the installer warned it checked no signature
     QString installerReason;
 
     int installed = 0;
+    int unverified = 0; // of those installed
     int deliveredOnly = 0; // not packages: a download is all they need
     int downloadFailures = 0;
     int notInstalled = 0;

@@ -186,10 +186,9 @@ class TestFaults : public QObject
     // The helper runs the bundle's own installer, into the machine,
     // trusting the demo key as the demo does. Paced, so that an
     // installation is still running when helperKilled() kills it.
-    bool startHelper()
+    bool startHelper(const QString& trustedKeys = QStringLiteral(VLUM_TRUSTED_DEMO_KEYS))
     {
-        return helper.Start(QStringLiteral(VLUM_HELPER),
-                            {QStringLiteral("--trusted-keys"), QStringLiteral(VLUM_TRUSTED_DEMO_KEYS)},
+        return helper.Start(QStringLiteral(VLUM_HELPER), {QStringLiteral("--trusted-keys"), trustedKeys},
                             {QStringLiteral("VLUM_INSTALL_ROOT=") + machine, QStringLiteral("VLUM_INSTALLER_PACE=0.2")});
     }
 
@@ -438,38 +437,52 @@ private slots:
         QTest::addColumn<QStringList>("options");
         QTest::addColumn<Replacements>("manifest");
         QTest::addColumn<bool>("trustedServer");
+        QTest::addColumn<QString>("helperKeys"); // the helper trusts the demo key, "no key", or "none" answers
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QStringList>("folders");
         QTest::addColumn<QString>("line");
 
         const QStringList all{kCoreFolder, kScenesFolder, kBridgeFolder};
+        const QString demoKey = QStringLiteral("demo key");
         const QStringList pass{QStringLiteral("-pass"), QStringLiteral("velluma")};
-        QTest::newRow("clean machine: the rules' three offers") << pass << Replacements{} << true << 0 << all
-            << "^summary: 3 chosen, 3 installed, 0 downloaded only, 0 downloads failed, 0 not installed; exit status 0$";
+        QTest::newRow("clean machine: the rules' three offers") << pass << Replacements{} << true << demoKey << 0 << all
+            << "^summary: 3 chosen, 3 installed \\(0 unverified\\), 0 downloaded only, 0 downloads failed, 0 not "
+               "installed; exit status 0$";
+        // Each warning of the installer is an event; the summary counts what no signature vouches for.
+        QTest::newRow("no trusted key: installed unverified, and said so")
+            << pass << Replacements{} << true << "no key" << 0 << all
+            << "^warning: Velluma CoreServer 22.0: Packages are not verified: no trusted key is installed in .*$[\\s\\S]*"
+               "^install: Velluma CoreServer 22.0: installed, unverified$[\\s\\S]*"
+               "^summary: 3 chosen, 3 installed \\(3 unverified\\),";
+        QTest::newRow("no helper: where it was looked for, and what sets it up")
+            << pass << Replacements{} << true << "none" << 4 << QStringList{}
+            << "^install: Velluma CoreServer 22.0: failed: could not start the installer through the helper: nothing "
+               "answers on the helper's socket /\\S+/helper\\.sock; as root, /\\S+/libexec/install-helper sets the "
+               "helper up as a system service$";
         QTest::newRow("-products by listed name and by package name, a hidden offer included")
             << pass + QStringList{"-products", "Velluma Sample Scenes,VellumaForMaya-22.0-maya2018_1234.pkg"}
-            << Replacements{} << true << 0 << QStringList{kScenesFolder, kBridgeFolder} << "^summary: 2 chosen, 2 installed";
+            << Replacements{} << true << demoKey << 0 << QStringList{kScenesFolder, kBridgeFolder} << "^summary: 2 chosen, 2 installed";
         QTest::newRow("unknown product name") << pass + QStringList{"-products", "Velluma Sample Scenes,Nope"}
-                                              << Replacements{} << true << 5 << QStringList{}
+                                              << Replacements{} << true << demoKey << 5 << QStringList{}
                                               << "^error: no such product on offer: Nope$";
-        QTest::newRow("unknown option") << pass + QStringList{"-bogus"} << Replacements{} << true << 5 << QStringList{}
+        QTest::newRow("unknown option") << pass + QStringList{"-bogus"} << Replacements{} << true << demoKey << 5 << QStringList{}
                                         << "^error: unknown option -bogus$";
-        QTest::newRow("refused login") << QStringList{"-pass", "wrong"} << Replacements{} << true << 1 << QStringList{}
+        QTest::newRow("refused login") << QStringList{"-pass", "wrong"} << Replacements{} << true << demoKey << 1 << QStringList{}
                                        << "^error: Could not get a product list from Oktavo: Wrong password$";
         QTest::newRow("certificate refused, not asked")
-            << pass << Replacements{} << false << 1 << QStringList{}
+            << pass << Replacements{} << false << demoKey << 1 << QStringList{}
             << "^tls: refused the server.s certificate: .";
         QTest::newRow("corrupt package: the others still installed")
-            << pass << kCorrupt << true << 4 << QStringList{kCoreFolder, kBridgeFolder}
+            << pass << kCorrupt << true << demoKey << 4 << QStringList{kCoreFolder, kBridgeFolder}
             << "^install: Velluma Sample Scenes: failed: .";
         QTest::newRow("download that never succeeds: 3 retries, then skipped")
-            << pass << faulty(kBridge, "status=404") << true << 3 << QStringList{kCoreFolder, kScenesFolder}
+            << pass << faulty(kBridge, "status=404") << true << demoKey << 3 << QStringList{kCoreFolder, kScenesFolder}
             << "^download: Velluma for Maya 2018: failed: .*skipped after 3 retries$";
         QTest::newRow("slow download: a progress line a second")
-            << pass << faulty(kScenes, "throttle=2000000") << true << 0 << all
+            << pass << faulty(kScenes, "throttle=2000000") << true << demoKey << 0 << all
             << "^download: Velluma Sample Scenes: [0-9.]+MB of [0-9.]+MB \\([0-9]+%\\)$";
         QTest::newRow("not enough free space")
-            << pass << Replacements{{"@SIZE:" + kScenes + "@", "4611686018427387904"}} << true << 2 << QStringList{}
+            << pass << Replacements{{"@SIZE:" + kScenes + "@", "4611686018427387904"}} << true << demoKey << 2 << QStringList{}
             << "^error: You do not have enough free disk space to download the selected products\\. Needed ";
     }
 
@@ -478,11 +491,22 @@ private slots:
         QFETCH(QStringList, options);
         QFETCH(Replacements, manifest);
         QFETCH(bool, trustedServer);
+        QFETCH(QString, helperKeys);
         QFETCH(int, exitCode);
         QFETCH(QStringList, folders);
         QFETCH(QString, line);
         serve(manifest);
+        if (helperKeys != QLatin1String("demo key"))
+            helper.Stop(SIGTERM);
+        if (helperKeys == QLatin1String("no key")) {
+            QVERIFY(QDir(work.path()).mkpath(QStringLiteral("no-keys")));
+            QVERIFY(startHelper(work.filePath(QStringLiteral("no-keys"))));
+        }
         const ChildRun run = runUnattended(trustedServer ? server : unknownIssuer, options);
+        if (helperKeys != QLatin1String("demo key")) {
+            helper.Stop(SIGTERM);
+            QVERIFY(startHelper());
+        }
         const QString printed = QString::fromUtf8(run.out + "--- stderr:\n" + run.err.right(4000));
         QVERIFY2(QRegularExpression(line, QRegularExpression::MultilineOption).match(QString::fromUtf8(run.out)).hasMatch(),
                  qPrintable(printed));

@@ -166,8 +166,8 @@ private slots:
         // hold.
         const QByteArray success("installer: The install was successful.");
         const QString test = QStringLiteral("opt/Oktavo/Test/");
-        row("unsigned, no key trusted", "unsigned", "none", "installer:STATUS:Packages are not verified: no trusted key",
-            test + "first", 0644);
+        row("unsigned, no key trusted", "unsigned", "none",
+            "installer:STATUS:Warning: Packages are not verified: no trusted key", test + "first", 0644);
         row("signed, its key trusted", "signed", "demo", "installer:STATUS:Signature verified with the trusted key",
             test + "tool", 0755);
         row("set-uid file", "set-id", "none", success, test + "setuid", 0755);
