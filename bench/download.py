@@ -42,7 +42,7 @@ def write_package(path, size):
 
 def start_server(catalog, state):
     server = subprocess.Popen(
-        [os.path.join(ROOT, "tools", "vendor-server"), "--catalog", catalog, "--state", state],
+        [os.path.join(ROOT, "tools", "vendor-server"), "--catalog", catalog, "--state", state, "--stop-with-parent"],
         stdout=subprocess.PIPE, text=True)
     line = server.stdout.readline()
     match = re.match(r"READY port=(\d+) url=(\S+) ca=(\S+)", line)

@@ -32,7 +32,7 @@ def served(base):
 class Server:
     def __init__(self, *args, catalog=None):
         self.stderr, self.held = tempfile.TemporaryFile(), []
-        self.proc = subprocess.Popen([SERVER, "--catalog", catalog or CATALOG.name, *args],
+        self.proc = subprocess.Popen([SERVER, "--catalog", catalog or CATALOG.name, "--stop-with-parent", *args],
                                      stdout=subprocess.PIPE, stderr=self.stderr, text=True)
         ready = select.select([self.proc.stdout], [], [], 30)[0]
         self.line = self.proc.stdout.readline() if ready else ""

@@ -99,7 +99,7 @@ public:
     bool start(const QStringList& options = {})
     {
         process.setProgram(QStringLiteral(VLUM_SOURCE_DIR "/tools/vendor-server"));
-        process.setArguments(QStringList{"--catalog", catalogDir.path(), "--state", stateDir.path()} + options);
+        process.setArguments(QStringList{"--catalog", catalogDir.path(), "--state", stateDir.path(), "--stop-with-parent"} + options);
         process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         process.start();
         // Its first line says where it listens; a server that never says so fails here after 30 s.
