@@ -354,6 +354,40 @@ private slots:
         }
     }
 
+    // Under the real sheet every control Tab reaches on the login and
+    // selection pages looks different with the focus than without it; in
+    // the product list that is the current row, which Tab leaves unselected.
+    void focusShows()
+    {
+        dlrApp()->loadStylesheet("vluminstaller.qss");
+        setManifest(kCatalog);
+        showWindow();
+        for (const int page : {DlrMainWindow::LoginPage, DlrMainWindow::SelectionPage}) {
+            if (page == DlrMainWindow::SelectionPage)
+                window->next();
+            QCOMPARE(window->currentId(), page);
+            const QList<QWidget*> controls = window->currentPage()->findChildren<QWidget*>()
+                + QList<QWidget*>{window->button(QWizard::BackButton), window->button(QWizard::NextButton)};
+            int shown = 0;
+            for (QWidget* widget : controls) {
+                if (!widget->isVisible() || !widget->isEnabled() || !(widget->focusPolicy() & Qt::TabFocus))
+                    continue;
+                const bool row = widget == list();
+                const auto look = [&] {
+                    return row ? list()->viewport()->grab(list()->visualItemRect(list()->currentItem())).toImage()
+                               : widget->grab().toImage();
+                };
+                widget->setFocus(Qt::TabFocusReason);
+                QVERIFY(widget->hasFocus() && (!row || !list()->currentItem()->isSelected()));
+                const QImage focused = look();
+                widget->clearFocus();
+                QVERIFY2(focused != look(), qPrintable(widget->objectName() + widget->metaObject()->className()));
+                ++shown;
+            }
+            QCOMPARE(shown, 4); // both fields, the link and Next; the list, Show All, Back and Next
+        }
+    }
+
     // Keys order as text, newest last; lookups never add keys. The highest
     // version and a version's builds are looked up on their own too.
     void offerTree()
