@@ -362,14 +362,10 @@ private slots:
         dlrApp()->loadStylesheet("vluminstaller.qss");
         setManifest(kCatalog);
         showWindow();
-        for (const int page : {DlrMainWindow::LoginPage, DlrMainWindow::SelectionPage}) {
-            if (page == DlrMainWindow::SelectionPage)
-                window->next();
-            QCOMPARE(window->currentId(), page);
-            const QList<QWidget*> controls = window->currentPage()->findChildren<QWidget*>()
-                + QList<QWidget*>{window->button(QWizard::BackButton), window->button(QWizard::NextButton)};
+        for (int page = DlrMainWindow::LoginPage; page <= DlrMainWindow::SelectionPage; ++page, window->next()) {
             int shown = 0;
-            for (QWidget* widget : controls) {
+            for (QWidget* widget : window->currentPage()->findChildren<QWidget*>()
+                     + QList<QWidget*>{window->button(QWizard::BackButton), window->button(QWizard::NextButton)}) {
                 if (!widget->isVisible() || !widget->isEnabled() || !(widget->focusPolicy() & Qt::TabFocus))
                     continue;
                 const bool row = widget == list();
@@ -381,7 +377,7 @@ private slots:
                 QVERIFY(widget->hasFocus() && (!row || !list()->currentItem()->isSelected()));
                 const QImage focused = look();
                 widget->clearFocus();
-                QVERIFY2(focused != look(), qPrintable(widget->objectName() + widget->metaObject()->className()));
+                QVERIFY2(focused != look(), widget->metaObject()->className());
                 ++shown;
             }
             QCOMPARE(shown, 4); // both fields, the link and Next; the list, Show All, Back and Next
