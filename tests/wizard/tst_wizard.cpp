@@ -362,7 +362,9 @@ private slots:
         dlrApp()->loadStylesheet("vluminstaller.qss");
         setManifest(kCatalog);
         showWindow();
-        for (int page = DlrMainWindow::LoginPage; page <= DlrMainWindow::SelectionPage; ++page, window->next()) {
+        for (const int page : {DlrMainWindow::LoginPage, DlrMainWindow::SelectionPage}) {
+            if (page == DlrMainWindow::SelectionPage)
+                window->next(); // and no further: Next there starts the downloads
             int shown = 0;
             for (QWidget* widget : window->currentPage()->findChildren<QWidget*>()
                      + QList<QWidget*>{window->button(QWizard::BackButton), window->button(QWizard::NextButton)}) {
