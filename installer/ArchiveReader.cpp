@@ -6,6 +6,11 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+#include <vector>
+
 std::string normalizedName(std::string_view name)
 {
     if ((!name.empty() && name.front() == '/') || name.find('\\') != std::string_view::npos)
@@ -34,16 +39,66 @@ std::string normalizedName(std::string_view name)
     return path;
 }
 
+struct ArchiveReader::Source
+{
+    int fd;
+    std::uint64_t offset = 0;
+    std::vector<char> buffer = std::vector<char>(1 << 20);
+};
+
+namespace {
+
+la_ssize_t readBlock(archive* reader, void* data, const void** block)
+{
+    auto* source = static_cast<ArchiveReader::Source*>(data);
+    for (;;) {
+        const ssize_t n = ::pread(source->fd, source->buffer.data(), source->buffer.size(), off_t(source->offset));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            archive_set_error(reader, errno, "cannot read it: %s", std::strerror(errno));
+            return -1;
+        }
+        source->offset += std::uint64_t(n);
+        *block = source->buffer.data();
+        return n;
+    }
+}
+
+// Only gzip-compressed tar: libarchive would read a bare tar as well.
+archive* newReader()
+{
+    archive* reader = archive_read_new();
+    if (reader && (archive_read_support_filter_gzip(reader) != ARCHIVE_OK
+                   || archive_read_support_format_tar(reader) != ARCHIVE_OK)) {
+        archive_read_free(reader);
+        return nullptr;
+    }
+    return reader;
+}
+
+} // namespace
+
 ArchiveReader::ArchiveReader(std::string_view bytes, const std::string& packageName)
-    : reader(archive_read_new()), packageName(packageName)
+    : reader(newReader()), packageName(packageName)
+{
+    const bool gzip = bytes.size() >= 2 && bytes[0] == '\x1f' && bytes[1] == '\x8b';
+    open(gzip, reader && gzip ? archive_read_open_memory(reader, bytes.data(), bytes.size()) : ARCHIVE_FATAL);
+}
+
+ArchiveReader::ArchiveReader(int fd, const std::string& packageName)
+    : source(new Source{fd}), reader(newReader()), packageName(packageName)
+{
+    unsigned char magic[2] = {};
+    const bool gzip = ::pread(fd, magic, sizeof magic, 0) == 2 && magic[0] == 0x1f && magic[1] == 0x8b;
+    open(gzip, reader && gzip ? archive_read_open(reader, source.get(), nullptr, readBlock, nullptr) : ARCHIVE_FATAL);
+}
+
+void ArchiveReader::open(bool gzip, int status)
 {
     if (!reader)
-        throw Refused("out of memory");
-    // Only gzip-compressed tar: libarchive would read a bare tar as well.
-    const bool gzip = bytes.size() >= 2 && bytes[0] == '\x1f' && bytes[1] == '\x8b';
-    if (!gzip || archive_read_support_filter_gzip(reader) != ARCHIVE_OK
-        || archive_read_support_format_tar(reader) != ARCHIVE_OK
-        || archive_read_open_memory(reader, bytes.data(), bytes.size()) != ARCHIVE_OK) {
+        throw Refused("cannot read archives: out of memory");
+    if (!gzip || status != ARCHIVE_OK) {
         archive_read_free(reader);
         throw Refused("not a package archive: " + packageName);
     }

@@ -2,7 +2,7 @@
 
 #include "Beneath.h"
 #include "Mover.h"
-#include "PackageCopy.h"
+#include "PackageFile.h"
 #include "PackageReader.h"
 #include "Refused.h"
 #include "TrustedKeys.h"
@@ -68,20 +68,20 @@ std::string megabytes(std::uint64_t bytes)
 
 // Room for every file, rounded up to whole blocks, and a block for each
 // other entry; checked before anything is written.
-void checkSpace(int target, const std::string& folder, const PackageContents& contents)
+void checkSpace(int target, const std::string& folder, const PackageIndex& index)
 {
     struct statvfs space;
     if (::fstatvfs(target, &space) != 0)
         throw Refused(withSystemError("cannot see the free space in " + folder, errno));
     const std::uint64_t block = space.f_frsize ? space.f_frsize : 4096;
     std::uint64_t needed = 0;
-    for (const ArchiveEntry& entry : contents.payload)
-        needed += (entry.type == EntryType::File ? (entry.size + block - 1) / block : 1) * block;
+    for (const IndexRow& row : index.rows)
+        needed += (row.type == EntryType::File ? (row.size + block - 1) / block : 1) * block;
     const std::uint64_t free = std::uint64_t(space.f_bavail) * block;
     if (needed > free)
         throw Refused("not enough free space in " + folder + ": the package needs " + megabytes(needed) + ", "
                       + megabytes(free) + " are free");
-    if (space.f_files > 0 && contents.payload.size() > space.f_favail)
+    if (space.f_files > 0 && index.rows.size() > space.f_favail)
         throw Refused("not enough free inodes in " + folder + " for the package's entries");
 }
 
@@ -147,14 +147,16 @@ void install(const CommandLine& line, const Progress& progress)
     const TrustedKeys keys = TrustedKeys::load(keyFolder);
     if (keys.empty())
         progress.warning("Packages are not verified: no trusted key is installed in " + keyFolder);
-    const PackageCopy copy = PackageCopy::take(package);
-    const PackageContents contents = readPackage(copy.bytes(), keys, package);
+    const Descriptor file = openPackage(package);
+    ArchiveReader archive(file.get(), package);
+    const PackageContents contents = readPackageHead(archive, keys, package);
+    const PackageIndex& index = contents.index;
     if (!contents.signer.empty())
         progress.status("Signature verified with the trusted key " + contents.signer);
-    progress.say("installer: Package name is " + contents.identifier + " " + contents.version);
+    progress.say("installer: Package name is " + index.identifier + " " + index.version);
     progress.say("installer: Installing at base path " + folder);
     progress.percent(5);
-    checkSpace(target.get(), folder, contents);
+    checkSpace(target.get(), folder, index);
     const Mover mover(target.get(), folder);
     mover.check(contents);
 
@@ -162,8 +164,8 @@ void install(const CommandLine& line, const Progress& progress)
     progress.percent(10);
     {
         const Staging staging(target.get());
-        progress.phase(ellipsis("Installing " + contents.identifier));
-        Unpacker(staging.get(), progress).unpack(copy.bytes(), contents, package);
+        progress.phase(ellipsis("Installing " + index.identifier));
+        Unpacker(staging.get(), progress).unpack(archive, contents);
         progress.phase(ellipsis("Moving items into place"));
         mover.move(staging.get());
         progress.percent(95);

@@ -4,8 +4,9 @@
 #include "Progress.h"
 
 // One installation from start to end, in this order: the target, the
-// trusted keys, the package (copied, then checked whole), the free space,
+// trusted keys, the package's head (signature and index), the free space,
 // whether the target can take it; only then the staging folder, the
-// unpacking and the move into place. A refused package leaves the target
+// payload streamed into it and checked as it comes, and the move into
+// place. A refused package leaves the target
 // as it was. Throws Refused.
 void install(const CommandLine& line, const Progress& progress);

@@ -33,9 +33,9 @@ void Mover::check(const PackageContents& contents) const
     std::vector<std::pair<std::string, bool>> paths;
     for (const auto& [path, mode] : contents.folders)
         paths.emplace_back(path, true);
-    for (const ArchiveEntry& entry : contents.payload)
-        if (entry.type != EntryType::Folder)
-            paths.emplace_back(entry.path.substr(kPayloadFolder.size()), false);
+    for (const IndexRow& row : contents.index.rows)
+        if (row.type != EntryType::Folder)
+            paths.emplace_back(row.path, false);
     std::sort(paths.begin(), paths.end());
 
     for (const auto& [path, folder] : paths) {

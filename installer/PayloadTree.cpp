@@ -11,22 +11,22 @@ struct PayloadTree::Node
     EntryType type = EntryType::Folder;
     bool listed = false; // an entry of its own, not only implied by a deeper one
     unsigned mode = 0755;
-    std::string name;    // as stored, for messages
-    std::string link;
+    std::string_view name; // for messages
+    std::string_view link;
     std::map<std::string, std::unique_ptr<Node>> children;
 };
 
 namespace {
 
-std::vector<std::string> split(const std::string& path)
+std::vector<std::string> split(std::string_view path)
 {
     std::vector<std::string> components;
     size_t start = 0;
     while (start <= path.size()) {
         size_t end = path.find('/', start);
-        if (end == std::string::npos)
+        if (end == std::string_view::npos)
             end = path.size();
-        components.push_back(path.substr(start, end - start));
+        components.emplace_back(path.substr(start, end - start));
         start = end + 1;
     }
     return components;
@@ -50,9 +50,10 @@ const PayloadTree::Node* PayloadTree::child(const Node* node, const std::string&
     return found == node->children.end() ? nullptr : found->second.get();
 }
 
-void PayloadTree::add(const ArchiveEntry& entry, const std::string& path)
+void PayloadTree::add(const IndexRow& row)
 {
-    const std::vector<std::string> components = split(path);
+    const std::string name(row.path);
+    const std::vector<std::string> components = split(row.path);
     Node* folder = root.get();
     std::string walked;
     for (size_t i = 0; i + 1 < components.size(); ++i) {
@@ -62,50 +63,46 @@ void PayloadTree::add(const ArchiveEntry& entry, const std::string& path)
             next = std::make_unique<Node>();
         else if (next->type == EntryType::Symlink) {
             if (resolve(walked) != Resolved::Inside)
-                throw Refused("entry " + entry.name + " leads outside the target through a link");
-            throw Refused("entry " + entry.name + " would be written through the link " + next->name);
+                throw Refused("entry " + name + " leads outside the target through a link");
+            throw Refused("entry " + name + " would be written through the link " + std::string(next->name));
         } else if (next->type != EntryType::Folder)
-            throw Refused("entry " + entry.name + " would be written into the file " + next->name);
+            throw Refused("entry " + name + " would be written into the file " + std::string(next->name));
         folder = next.get();
     }
 
-    if (entry.type == EntryType::Hardlink) {
+    if (row.type == EntryType::Hardlink) {
         // To a file of the package written before it.
-        if (!inPayload(entry.link))
-            throw Refused("hard link " + entry.name + " points outside the payload: " + entry.link);
         const Node* target = root.get();
-        for (const std::string& component : split(entry.link.substr(kPayloadFolder.size())))
+        for (const std::string& component : split(row.link))
             target = target && target->type == EntryType::Folder ? child(target, component) : nullptr;
         if (!target || (target->type != EntryType::File && target->type != EntryType::Hardlink))
-            throw Refused("hard link " + entry.name + " points to no file of the package: " + entry.link);
+            throw Refused("hard link " + name + " points to no file of the package: " + std::string(row.link));
     }
 
     std::unique_ptr<Node>& node = folder->children[components.back()];
     if (node) {
-        if (node->type != EntryType::Folder || entry.type != EntryType::Folder)
-            throw Refused("entry " + entry.name + " clashes with another entry of the package");
+        if (node->type != EntryType::Folder || row.type != EntryType::Folder)
+            throw Refused("entry " + name + " clashes with another entry of the package");
     } else
         node = std::make_unique<Node>();
-    node->type = entry.type;
+    node->type = row.type;
     node->listed = true;
-    node->mode = entry.mode;
-    node->name = entry.name;
-    node->link = entry.link;
+    node->mode = row.mode;
+    node->name = row.path;
+    node->link = row.link;
 
-    if (entry.type == EntryType::Symlink) {
+    if (row.type == EntryType::Symlink) {
         // On its own first: read from the folder it is in.
-        if (entry.link.empty())
-            throw Refused("link " + entry.name + " has no target");
-        const std::string parent = path.substr(0, path.size() - components.back().size());
+        const std::string parent = name.substr(0, name.size() - components.back().size());
         int depth = 0;
-        bool outside = entry.link.front() == '/';
-        for (const std::string& component : split(parent + entry.link)) {
+        bool outside = row.link.front() == '/';
+        for (const std::string& component : split(parent + std::string(row.link))) {
             depth += component == ".." ? -1 : (component.empty() || component == ".") ? 0 : 1;
             outside |= depth < 0;
         }
         if (outside)
-            throw Refused("link " + entry.name + " points outside the target: " + entry.link);
-        links.emplace_back(path, node.get());
+            throw Refused("link " + name + " points outside the target: " + std::string(row.link));
+        links.emplace_back(name, node.get());
     }
 }
 
@@ -153,9 +150,9 @@ void PayloadTree::checkLinks()
         case Resolved::Inside:
             break;
         case Resolved::Outside:
-            throw Refused("link " + node->name + " points outside the target: " + node->link);
+            throw Refused("link " + path + " points outside the target: " + std::string(node->link));
         case Resolved::Loop:
-            throw Refused("link " + node->name + " leads round in a circle: " + node->link);
+            throw Refused("link " + path + " leads round in a circle: " + std::string(node->link));
         }
     }
 }

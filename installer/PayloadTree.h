@@ -1,12 +1,12 @@
 #pragma once
 
-// The shape of a package's payload, built entry by entry before anything
-// is written: what each path is, and where the package's own links lead.
+// The shape of a package's payload, built from its index row by row before
+// anything is written: what each path is, and where the package's own links lead.
 // It refuses entries that would be written through a link or into a file
 // of the package, entries that appear twice, and links that lead outside
 // the target, alone or followed through each other.
 
-#include "ArchiveReader.h"
+#include "PackageIndex.h"
 
 #include <cstdint>
 #include <map>
@@ -21,9 +21,9 @@ public:
     PayloadTree();
     ~PayloadTree();
 
-    // `entry.path` is "Payload/<path>"; `path` is what follows "Payload/",
-    // not empty. Throws Refused.
-    void add(const ArchiveEntry& entry, const std::string& path);
+    // The rows in index order; the tree keeps views into the index, which
+    // must outlive it. Throws Refused.
+    void add(const IndexRow& row);
     // Throws Refused for a symbolic link that, followed through the other
     // links of the package, leads outside the target.
     void checkLinks();

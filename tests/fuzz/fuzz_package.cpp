@@ -1,11 +1,12 @@
-// The root-side package reader on any bytes: the archive, every entry's
-// name, type and links, the limits, the signature and PackageInfo. It may
-// refuse anything, but must not crash, leak or hang, and what it accepts
-// must keep its promises.
+// The root-side package reader on any bytes: the archive, the signature,
+// the index and its bounds, every row's name, type and links, then the
+// payload held to the index as it streams. It may refuse anything, but
+// must not crash, leak or hang, and what it accepts must keep its promises.
 
 #include "FuzzSupport.h"
 
 #include "PackageReader.h"
+#include "PayloadCheck.h"
 #include "Refused.h"
 #include "TrustedKeys.h"
 
@@ -43,13 +44,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
     for (const TrustedKeys* keys : {&none, &trusted}) {
         try {
-            const PackageContents contents = readPackage(bytes, *keys, "fuzz.pkg");
+            ArchiveReader archive(bytes, "fuzz.pkg");
+            const PackageContents contents = readPackageHead(archive, *keys, "fuzz.pkg");
             VLUM_FUZZ_CHECK(keys->empty());
-            VLUM_FUZZ_CHECK(!contents.identifier.empty() && !contents.version.empty());
-            for (const ArchiveEntry& entry : contents.payload) {
-                VLUM_FUZZ_CHECK(entry.path.rfind("Payload/", 0) == 0);
-                VLUM_FUZZ_CHECK(entry.path.find("/../") == std::string::npos);
+            VLUM_FUZZ_CHECK(!contents.index.identifier.empty() && !contents.index.version.empty());
+            PayloadCheck check(contents.index);
+            std::uint64_t streamed = 0;
+            char buffer[4096];
+            ArchiveEntry entry;
+            while (archive.next(entry)) {
+                const IndexRow& row = check.begin(entry);
+                VLUM_FUZZ_CHECK(entry.path.size() == 8 + row.path.size() && entry.path.rfind("Payload/", 0) == 0);
+                while (const size_t n = archive.read(buffer, sizeof buffer)) {
+                    check.content(buffer, n);
+                    streamed += n;
+                }
+                check.end();
             }
+            check.finish();
+            VLUM_FUZZ_CHECK(streamed == contents.index.fileBytes);
         } catch (const Refused&) {
             // Refusing is always allowed.
         }

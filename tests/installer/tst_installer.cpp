@@ -134,7 +134,8 @@ private slots:
         QCOMPARE(percents.last(), 100.0f);
         QCOMPARE(snapshot(root.path()),
                  (QStringList{"opt", "opt/Oktavo", "opt/Oktavo/Other", "opt/Oktavo/Other/keep = other product\n",
-                              "opt/Oktavo/Test", "opt/Oktavo/Test/first = signed content\n",
+                              "opt/Oktavo/Test", "opt/Oktavo/Test/" + QString("a-name-long-enough-for-an-extended-header-").repeated(3) + " = long\n",
+                              "opt/Oktavo/Test/first = signed content\n",
                               "opt/Oktavo/Test/link -> opt/Oktavo/Test/first",
                               "opt/Oktavo/Test/tool = #!/bin/sh\necho tool\n"}));
         QVERIFY(QFileInfo(root.filePath(QStringLiteral("opt/Oktavo/Test/tool"))).isExecutable());
@@ -175,6 +176,9 @@ private slots:
         row("folder: its mode, no set-gid or sticky bit", "set-id", "none", success, test + "shared", 0750);
         row("control characters in a name, escaped", "control-name", "none",
             "installer:STATUS:Writing opt/Oktavo/Test/two\\nlines\\x1b[0m\xe2\x80\xa6\n", test + "two\nlines\x1b[0m", 0644);
+        // The signed package spelled otherwise: installed exactly as signed.
+        for (const char* kind : {"same-pax-headers", "same-gnu-names", "same-gzip-members"})
+            row(kind, kind, "demo", success, test + "tool", 0755);
     }
 
     // Every line of output is one of the installer's. Refused before or
@@ -209,6 +213,12 @@ private slots:
             struct stat info;
             QCOMPARE(::lstat(QFile::encodeName(root + QLatin1Char('/') + path).constData(), &info), 0);
             QCOMPARE(int(info.st_mode & 07777), mode);
+            if (kind.startsWith(QLatin1String("same-"))) {
+                const QString signedRoot = box.filePath(QStringLiteral("signed"));
+                QVERIFY(writeFile(signedRoot + QStringLiteral("/opt/keep"), "kept\n"));
+                QCOMPARE(install(makePackage(QStringLiteral("signed")), environment(signedRoot, keys)), 0);
+                QCOMPARE(snapshot(root), snapshot(signedRoot));
+            }
             return;
         }
         const QStringList after = snapshot(root);
