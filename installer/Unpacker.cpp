@@ -32,6 +32,8 @@ void writeAll(int file, const char* data, size_t size, const std::string& path)
     }
 }
 
+constexpr std::uint64_t kBytesPerLine = 64 << 20;
+
 } // namespace
 
 void Unpacker::unpack(ArchiveReader& archive, const PackageContents& contents)
@@ -40,6 +42,7 @@ void Unpacker::unpack(ArchiveReader& archive, const PackageContents& contents)
     std::vector<char> buffer(1 << 20);
     const double total = contents.index.fileBytes > 0 ? double(contents.index.fileBytes) : 1.0;
     std::uint64_t done = 0;
+    std::uint64_t shownAt = 0;
     int shown = 10;
 
     ArchiveEntry entry;
@@ -61,10 +64,12 @@ void Unpacker::unpack(ArchiveReader& archive, const PackageContents& contents)
             check.content(buffer.data(), n);
             writeAll(file.get(), buffer.data(), n, path);
             done += n;
-            // Inside a large file, a line per whole percent, not per block.
+            // Inside a large file too, but at most a line per whole percent
+            // and per 64 MiB: each line may cost a pause (the demo's pace).
             const int now = int(10 + 80.0 * double(done) / total);
-            if (now > shown && done < total) {
+            if (now > shown && done - shownAt >= kBytesPerLine && double(done) < total) {
                 shown = now;
+                shownAt = done;
                 progress.percent(now);
             }
         }
@@ -73,7 +78,10 @@ void Unpacker::unpack(ArchiveReader& archive, const PackageContents& contents)
         // moved into place.
         if (::fchmod(file.get(), row.mode & 0777) != 0 || ::fsync(file.get()) != 0)
             throw Refused(withSystemError("cannot write " + path, errno));
-        progress.percent(10 + 80.0 * double(done) / total);
+        const double now = 10 + 80.0 * double(done) / total;
+        progress.percent(now);
+        shown = int(now);
+        shownAt = done;
     }
     check.finish();
 
