@@ -395,6 +395,8 @@ private slots:
         QTest::newRow("self-signed, accepted for good") << "self" << "127.0.0.1" << ok << "valid" << selfSigned << 0;
         QTest::newRow("self-signed, another name") << "self" << "127.0.0.2" << cancel << "Unknown manifest Validation"
                                                    << "There were multiple issues with the SSL connection" << 2;
+        // The user reads each question longer than the stall limit.
+        QTest::newRow("silent while the user reads") << "self" << "127.0.0.1" << ok << "valid" << selfSigned << 0;
     }
 
     void tls()
@@ -411,6 +413,14 @@ private slots:
         QVERIFY(other.start({QStringLiteral("--tls"), mode, QStringLiteral("--bind"), host}));
         const QUrl url = other.url(QStringLiteral("forum/currentproducts.php"));
         DialogAnswerer user{QMessageBox::StandardButton(answer)};
+        const bool slowReader = QByteArray(QTest::currentDataTag()).startsWith("silent");
+        QElapsedTimer reading;
+        if (slowReader)
+            user.ready = [&reading] {
+                if (!reading.isValid())
+                    reading.start();
+                return reading.hasExpired(3000);
+            };
 
         QCOMPARE(requestManifest(url), outcome);
         const QStringList asked{"There was issue with the SSL connection. Continue anyway?"};
@@ -422,6 +432,13 @@ private slots:
             dlrApp()->networkManager->clearConnectionCache();
             QCOMPARE(requestManifest(url), QStringLiteral("valid"));
             QCOMPARE(user.texts.size(), 1);
+        }
+        if (slowReader) {
+            dlrApp()->sslErrorsAccepted = false;
+            dlrApp()->networkManager->clearConnectionCache();
+            reading.invalidate();
+            QCOMPARE(download(), QString());
+            QCOMPARE(user.texts.size(), 2);
         }
     }
 
