@@ -671,10 +671,10 @@ private slots:
         QCOMPARE(QFileInfo(downloads + "/D.PKG").size(), qint64(3000));
     }
 
-    // What one read of installer output means: a percentage held to 0..100
-    // moves the bar, one that is no finite number moves nothing, and the
-    // rest is shown without prefixes, typographic characters or what
-    // follows a NUL.
+    // What one read of installer output means: the first "installer:%" with
+    // digits and points is a percentage, held to 0..100, that moves the bar
+    // (one that is no number moves nothing), and the rest is shown without
+    // prefixes, typographic characters or what follows a NUL.
     void installerLines_data()
     {
         QTest::addColumn<QByteArray>("bytes");
@@ -683,11 +683,13 @@ private slots:
         QTest::newRow("percent within a status") << QByteArray("installer:STATUS:Copying installer:%12") << "bar 0.12";
         QTest::newRow("huge percent") << QByteArray("installer:%44444444444") << "bar 1";
         QTest::newRow("past double range") << "installer:%1" + QByteArray(400, '0') << "nothing";
-        QTest::newRow("negative") << QByteArray("installer:%-5") << "bar 0";
-        QTest::newRow("NaN") << QByteArray("installer:%nan") << "nothing";
-        QTest::newRow("infinity") << QByteArray("installer:%inf") << "nothing";
+        QTest::newRow("percent sign after") << QByteArray("installer:%42.5%") << "bar 0.425";
+        QTest::newRow("first percentage counts") << QByteArray("installer:%x installer:%30 installer:%60") << "bar 0.3";
+        QTest::newRow("letters") << QByteArray("installer:%abc") << "text %abc";
+        QTest::newRow("negative") << QByteArray("installer:%-5") << "text %-5";
+        QTest::newRow("NaN") << QByteArray("installer:%nan") << "text %nan";
         QTest::newRow("two points") << QByteArray("installer:%1.2.3") << "nothing";
-        QTest::newRow("no number") << QByteArray("installer:%") << "nothing";
+        QTest::newRow("no number") << QByteArray("installer:%") << "text %";
         QTest::newRow("phase") << QByteArray("installer:PHASE:Validating packages\n") << "text Validating packages";
         QTest::newRow("ellipsis dropped") << QByteArray("installer:STATUS:Running scripts\342\200\246") << "text Running scripts";
         QTest::newRow("NUL ends the text") << QByteArray("installer:STATUS:Done\0installer:%5", 34) << "text Done";
