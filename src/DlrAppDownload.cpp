@@ -14,6 +14,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QRegularExpression>
+#include <QTimer>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -95,7 +96,47 @@ QString writeFailure(const QFile& file, int cause)
     return QStringLiteral("Could not write %1: %2").arg(file.fileName(), qt_error_string(cause));
 }
 
+// Stands for a download refused before anything is sent or written. It
+// fails on the next turn of the event loop, as a network failure does, so
+// the product fails the way every other download failure reaches the user.
+class RefusedReply : public QNetworkReply
+{
+public:
+    RefusedReply(const QUrl& url, const QString& reason, QObject* parent)
+        : QNetworkReply(parent)
+    {
+        setUrl(url);
+        setOperation(QNetworkAccessManager::GetOperation);
+        open(QIODevice::ReadOnly); // before the error: opening clears its text
+        setError(ProtocolUnknownError, reason);
+        QTimer::singleShot(0, this, &RefusedReply::finish);
+    }
+
+    void abort() override { finish(); }
+
+protected:
+    qint64 readData(char*, qint64) override { return -1; }
+
+private:
+    void finish()
+    {
+        if (isFinished())
+            return;
+        setFinished(true);
+        emit errorOccurred(error());
+        emit finished();
+    }
+};
+
 } // namespace
+
+bool DlrApp::IsWebAddress(const QUrl& url)
+{
+    // Qt would as readily copy a local file (file:), decode one carried in
+    // the address (data:) or try ftp: for an address a manifest names.
+    const QString scheme = url.scheme();
+    return url.isValid() && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
+}
 
 QString DlrHumanBytes(qint64 bytes)
 {
@@ -175,6 +216,22 @@ QNetworkReply* DlrApp::DownloadProduct(int manifestIndex)
     if (!offer.HasPlainName()) {
         qDebug() << "Refusing to download to" << offer.Name;
         return nullptr;
+    }
+
+    if (!IsWebAddress(offer.DownloadURL)) {
+        // Nothing is fetched and no file is made: the product fails.
+        QString address = offer.DownloadURL.toString(QUrl::RemoveUserInfo);
+        if (address.size() > 80)
+            address = address.left(77) + QStringLiteral("...");
+        const QString reason =
+            QStringLiteral("Not downloading from %1: packages come over http or https only").arg(address);
+        qDebug() << reason;
+        offer.downloadFile.reset();
+        downloadWriteError.clear();
+        downloadReply = new RefusedReply(offer.DownloadURL, reason, this);
+        connect(downloadReply, &QNetworkReply::finished, this, [this, reply = downloadReply] { finishedReply(reply); });
+        downloadIndex = manifestIndex;
+        return downloadReply;
     }
 
     // A retry continues the file the failed try left, when it is still ours.
@@ -414,6 +471,8 @@ void DlrApp::finishedDownload(QNetworkReply* reply)
     if (!downloadWriteError.isEmpty()) {
         failure = downloadWriteError;
         qDebug() << failure;
+    } else if (!IsWebAddress(reply->url())) {
+        failure = reply->errorString();
     } else if (reply->error() != QNetworkReply::NoError) {
         failure = DlrNetworkError(DlrTransferTimeout::Expired(reply) ? QNetworkReply::TimeoutError : reply->error());
         qDebug() << failure;

@@ -591,7 +591,7 @@ private slots:
     void transfer_data()
     {
         QTest::addColumn<QString>("name");  // the package on the server; Replaced.pkg changes after the first try
-        QTest::addColumn<QString>("query"); // its fault switches; "refused": a closed port
+        QTest::addColumn<QString>("query"); // its fault switches; "refused": a closed port; else an address of its own
         QTest::addColumn<qint64>("size");   // the offer's FileSize
         QTest::addColumn<int>("limit");     // the file size limit while the first try runs
         QTest::addColumn<QString>("reason");
@@ -611,7 +611,11 @@ private slots:
         row("404", "status=404&fault_times=1", DlrNetworkError(QNetworkReply::ContentNotFoundError));
         row("500", "status=500&fault_times=1", DlrNetworkError(QNetworkReply::InternalServerError));
         row("refused", "refused", DlrNetworkError(QNetworkReply::ConnectionRefusedError));
-        row("not a url", "not a url", DlrNetworkError(QNetworkReply::ProtocolUnknownError));
+        // Fetched from nowhere but the web, and nothing written for them.
+        const QString notWeb = QStringLiteral("Not downloading from %1: packages come over http or https only");
+        row("not a url", "not a url at all", notWeb.arg("not a url at all"));
+        row("local file", "file:///etc/passwd", notWeb.arg("file:///etc/passwd"));
+        row("data address", "data:,PK", notWeb.arg("data:,PK"));
         // The network layer calls these complete; only the byte count tells.
         row("no length, closed early", "no_length=1&drop_after=100000&fault_times=1",
             "Download incomplete: 100000 of 300000 bytes");
@@ -644,8 +648,10 @@ private slots:
         QUrl source = server.url(QStringLiteral("packages/") + name + '?' + query);
         if (query == QLatin1String("refused"))
             source = QUrl(QStringLiteral("https://127.0.0.1:%1/packages/Product.pkg").arg(freePort()));
-        else if (query == QLatin1String("not a url"))
-            source = QUrl(QStringLiteral("not a url at all"), QUrl::TolerantMode);
+        else if (!query.isEmpty() && !query.contains(QLatin1Char('=')))
+            source = QUrl(query, QUrl::TolerantMode);
+        const QStringList partial{name + QStringLiteral(".vlumdownload")};
+        const bool fetched = !reason.startsWith(QLatin1String("Not downloading"));
         manifest() << offer(name, source, size);
         qint64 received = 0;
         for (int tries = 0; tries < failures; ++tries) {
@@ -655,7 +661,7 @@ private slots:
                     full.emplace(limit);
                 QCOMPARE(download(&received), reason);
             }
-            QCOMPARE(QDir(downloads()).entryList(QDir::Files), QStringList{name + QStringLiteral(".vlumdownload")});
+            QCOMPARE(QDir(downloads()).entryList(QDir::Files), fetched ? partial : QStringList());
             QVERIFY(!manifest().at(0).downloaded);
             QVERIFY(!manifest().at(0).downloadFile);
             if (limit > 0)

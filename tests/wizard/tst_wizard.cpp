@@ -885,15 +885,41 @@ private slots:
 
     // A run that ends while the page is being entered (its one product is
     // on disk and is no package) lands on the finished page with only
-    // Finish, not with this page's buttons.
+    // Finish, not with this page's buttons. Finish opens the manifest's
+    // success page when it is a web page, else the default one.
+    void runEndsOnEntry_data()
+    {
+        QTest::addColumn<QString>("named"); // the manifest's DLRSuccessURL
+        QTest::addColumn<QUrl>("opened");
+        const QUrl page("http://127.0.0.1/view/done");
+        const QUrl fallback("https://www.oktavo.com/view/Install-Success");
+        QTest::newRow("web page") << page.toString() << page;
+        QTest::newRow("local file") << "file:///etc/passwd" << fallback;
+        QTest::newRow("script") << "javascript:alert(1)" << fallback;
+        QTest::newRow("network share") << "smb://127.0.0.1/share/run.desktop" << fallback;
+    }
+
     void runEndsOnEntry()
     {
+        QFETCH(QString, named);
+        QFETCH(QUrl, opened);
         server.serveOffers({{"Notes.zip", 500, {}}});
+        QByteArray xml = readFile(server.catalogPath("manifest.xml"));
+        xml.replace("</Manifest>", "<DLRSuccessURL>" + named.toUtf8() + "</DLRSuccessURL></Manifest>");
+        QVERIFY(server.writeCatalogFile("manifest.xml", xml));
         QVERIFY(QFile::copy(server.catalogPath("packages/Notes.zip"), downloads + "/Notes.zip"));
+        const QString scheme = QUrl(named).scheme();
+        QDesktopServices::setUrlHandler(scheme, &browser, "open");
+        const auto unset = qScopeGuard([&scheme] {
+            if (scheme != "http")
+                QDesktopServices::unsetUrlHandler(scheme);
+        });
         WizardDriver::enterDownloads(window);
         waitForFinishedPage();
         QVERIFY(window->button(QWizard::FinishButton)->isVisible());
         QVERIFY(!backButton()->isVisible() && !window->button(QWizard::BackButton)->isVisible());
+        QCOMPARE(WizardDriver::runUntilExit([this] { window->button(QWizard::FinishButton)->click(); }), 0);
+        QCOMPARE(browser.opened, QList<QUrl>{opened});
     }
 
     // The engine refuses to start the page's download (here it is busy
