@@ -17,6 +17,7 @@
 #include <QTimer>
 
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,6 +33,26 @@ const QLatin1String kTempSuffix("vlumdownload");
 bool usableDir(const QDir& dir)
 {
     return dir.exists() && QFileInfo(dir.absolutePath()).isWritable();
+}
+
+// The fallback folder itself when it is ours alone. Where others can write
+// (the shared temporary folder) they could take every name ours would get
+// and steer the package elsewhere, so the downloads go into a fresh folder
+// of our own inside it, made 0700 at once and kept. Null when it cannot be
+// made.
+std::unique_ptr<QDir> ownFolderIn(const QDir& folder)
+{
+    const QByteArray path = QFile::encodeName(folder.absolutePath());
+    struct stat info {};
+    if (::stat(path.constData(), &info) == 0 && info.st_uid == ::geteuid() && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0)
+        return std::make_unique<QDir>(folder);
+    QByteArray own = path + "/vlum-XXXXXX";
+    if (!::mkdtemp(own.data())) {
+        qDebug() << "Couldn't make a private download folder in" << folder.absolutePath() << qt_error_string(errno);
+        return nullptr;
+    }
+    qDebug() << "Downloading into the private folder" << own;
+    return std::make_unique<QDir>(QFile::decodeName(own));
 }
 
 // A file someone else put in the download folder (a shared temporary folder
@@ -160,13 +181,15 @@ QDir* DlrApp::GetDownloadDir()
         return downloadDir.get();
     }
     qDebug() << "No ~/Downloads dir " << downloads.absolutePath() << "Trying temp";
-    QDir temp(QDir::tempPath());
-    if (usableDir(temp)) {
-        downloadDir = std::make_unique<QDir>(temp);
+    const QDir temp(QDir::tempPath());
+    if (usableDir(temp))
+        downloadDir = ownFolderIn(temp);
+    if (downloadDir)
         return downloadDir.get();
-    }
     qDebug() << "No temp, using . for downloads";
-    downloadDir = std::make_unique<QDir>(QString());
+    downloadDir = ownFolderIn(QDir(QString()));
+    if (!downloadDir)
+        downloadDir = std::make_unique<QDir>(QString());
     return downloadDir.get();
 }
 

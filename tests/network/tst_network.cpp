@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <sys/stat.h>
 #include <optional>
 #include <unistd.h>
 
@@ -520,19 +521,49 @@ private slots:
                                           << QStringList{"Product.pkg", "Product-1.pkg.vlumdownload"}
                                           << "Product-2.pkg.vlumdownload";
         QTest::newRow("no suffix") << "Product" << QStringList() << "Product..vlumdownload";
+        // Without a Downloads folder: names another user took in the shared
+        // temporary folder steer nothing, a private folder in it is used.
+        QTest::newRow("shared temporary folder") << "Product.pkg"
+                                                 << QStringList{"@Product.pkg", "@Product-1.pkg.vlumdownload"}
+                                                 << "Product.pkg.vlumdownload";
     }
 
     void temporaryNames()
     {
         QFETCH(QString, name);
-        QFETCH(QStringList, existing);
+        QFETCH(QStringList, existing); // "@": made by another user in the shared folder
         QFETCH(QString, expected);
+        const bool shared = existing.value(0).startsWith('@');
+        QTemporaryDir sharedDir(QStringLiteral("/tmp/vlum-shared-XXXXXX"));
+        const QByteArray tmpdir = qgetenv("TMPDIR");
+        const bool hadTmpdir = qEnvironmentVariableIsSet("TMPDIR");
+        const auto restore = qScopeGuard([&] {
+            hadTmpdir ? qputenv("TMPDIR", tmpdir) : qunsetenv("TMPDIR");
+            dlrApp()->downloadDir.reset();
+        });
+        if (shared) {
+            QVERIFY(::chmod(QFile::encodeName(sharedDir.path()).constData(), 01777) == 0);
+            QVERIFY(QDir(downloads()).removeRecursively());
+            qputenv("TMPDIR", QFile::encodeName(sharedDir.path()));
+            dlrApp()->downloadDir.reset();
+            const QStringList asAnotherUser{"--reuid=4242", "--regid=4242", "--clear-groups", "--", "touch"};
+            existing.replaceInStrings(QStringLiteral("@"), sharedDir.path() + '/');
+            QCOMPARE(QProcess::execute(QStringLiteral("setpriv"), asAnotherUser + existing), 0);
+        }
         for (const QString& file : existing)
-            QVERIFY(QFile(downloads() + '/' + file).open(QIODevice::WriteOnly));
+            QVERIFY(shared || QFile(downloads() + '/' + file).open(QIODevice::WriteOnly));
         manifest() << offer(name);
         const QString temp = dlrApp()->getDownloadPath(0);
-        QCOMPARE(temp, downloads() + '/' + expected);
-        QCOMPARE(DlrApp::getFinalNameFromTempName(temp), downloads() + '/' + expected.chopped(13));
+        const QString folder = shared ? QFileInfo(temp).path() : downloads();
+        struct stat info {};
+        QVERIFY(::stat(QFile::encodeName(folder).constData(), &info) == 0);
+        QCOMPARE(info.st_uid, ::geteuid());
+        if (shared) {
+            QCOMPARE(QFileInfo(folder).path(), sharedDir.path());
+            QCOMPARE(info.st_mode & 07777, mode_t(0700));
+        }
+        QCOMPARE(temp, folder + '/' + expected);
+        QCOMPARE(DlrApp::getFinalNameFromTempName(temp), folder + '/' + expected.chopped(13));
         QTest::ignoreMessage(QtDebugMsg, "index out of range in getDownloadPath 1");
         QCOMPARE(dlrApp()->getDownloadPath(1), QStringLiteral("unkown.vlumdownload"));
     }
