@@ -18,14 +18,19 @@ DlrApp::DlrApp(int& argc, char** argv)
     , manifestServerScheme(QStringLiteral("https"))
     , manifestUrl(QStringLiteral("forum/currentproducts.php"))
     , appDirPath(QCoreApplication::applicationDirPath())
-    , successURL(QStringLiteral("https://%1/view/Install-Success").arg(QLatin1String(DlrVendorHost)),
-                 QUrl::TolerantMode)
+    , successURL(DefaultSuccessURL())
 {
     // Two private slots take the list of TLS problems.
     qRegisterMetaType<QList<QSslError>>("QList<QSslError>");
     loadSettings();
     parseEnvironment();
     parseCommandLineArguments();
+}
+
+QUrl DlrApp::DefaultSuccessURL()
+{
+    return QUrl(QStringLiteral("https://%1/view/Install-Success").arg(QLatin1String(DlrVendorHost)),
+                QUrl::TolerantMode);
 }
 
 DlrApp::~DlrApp()

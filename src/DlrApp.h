@@ -43,6 +43,8 @@ public:
     bool isGui() const { return true; }
 
     QUrl GetURL(DlrLocation location) const;
+    // The vendor's success page, opened by Finish when the manifest names none.
+    static QUrl DefaultSuccessURL();
 
     // Surveys the machine (blocking) and keeps the survey in `assay`.
     void DoAssay();
@@ -71,6 +73,8 @@ public:
     // package: the bytes written against the total the server announced
     // (-1: none) and the offer's size (0: unknown). Empty when they agree.
     static QString DownloadShortfall(qint64 written, qint64 announced, qint64 fileSize);
+    // Packages, and the success page, come from http or https addresses only.
+    static bool IsWebAddress(const QUrl& url);
 
     std::unique_ptr<DlrMainWindow> mainWindow;
     // The run without a window (-unattended), in place of mainWindow.

@@ -14,8 +14,10 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QRegularExpression>
+#include <QTimer>
 
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,6 +33,26 @@ const QLatin1String kTempSuffix("vlumdownload");
 bool usableDir(const QDir& dir)
 {
     return dir.exists() && QFileInfo(dir.absolutePath()).isWritable();
+}
+
+// The fallback folder itself when it is ours alone. Where others can write
+// (the shared temporary folder) they could take every name ours would get
+// and steer the package elsewhere, so the downloads go into a fresh folder
+// of our own inside it, made 0700 at once and kept. Null when it cannot be
+// made.
+std::unique_ptr<QDir> ownFolderIn(const QDir& folder)
+{
+    const QByteArray path = QFile::encodeName(folder.absolutePath());
+    struct stat info {};
+    if (::stat(path.constData(), &info) == 0 && info.st_uid == ::geteuid() && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0)
+        return std::make_unique<QDir>(folder);
+    QByteArray own = path + "/vlum-XXXXXX";
+    if (!::mkdtemp(own.data())) {
+        qDebug() << "Couldn't make a private download folder in" << folder.absolutePath() << qt_error_string(errno);
+        return nullptr;
+    }
+    qDebug() << "Downloading into the private folder" << own;
+    return std::make_unique<QDir>(QFile::decodeName(own));
 }
 
 // A file someone else put in the download folder (a shared temporary folder
@@ -95,7 +117,47 @@ QString writeFailure(const QFile& file, int cause)
     return QStringLiteral("Could not write %1: %2").arg(file.fileName(), qt_error_string(cause));
 }
 
+// Stands for a download refused before anything is sent or written. It
+// fails on the next turn of the event loop, as a network failure does, so
+// the product fails the way every other download failure reaches the user.
+class RefusedReply : public QNetworkReply
+{
+public:
+    RefusedReply(const QUrl& url, const QString& reason, QObject* parent)
+        : QNetworkReply(parent)
+    {
+        setUrl(url);
+        setOperation(QNetworkAccessManager::GetOperation);
+        open(QIODevice::ReadOnly); // before the error: opening clears its text
+        setError(ProtocolUnknownError, reason);
+        QTimer::singleShot(0, this, &RefusedReply::finish);
+    }
+
+    void abort() override { finish(); }
+
+protected:
+    qint64 readData(char*, qint64) override { return -1; }
+
+private:
+    void finish()
+    {
+        if (isFinished())
+            return;
+        setFinished(true);
+        emit errorOccurred(error());
+        emit finished();
+    }
+};
+
 } // namespace
+
+bool DlrApp::IsWebAddress(const QUrl& url)
+{
+    // Qt would as readily copy a local file (file:), decode one carried in
+    // the address (data:) or try ftp: for an address a manifest names.
+    const QString scheme = url.scheme();
+    return url.isValid() && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
+}
 
 QString DlrHumanBytes(qint64 bytes)
 {
@@ -119,13 +181,15 @@ QDir* DlrApp::GetDownloadDir()
         return downloadDir.get();
     }
     qDebug() << "No ~/Downloads dir " << downloads.absolutePath() << "Trying temp";
-    QDir temp(QDir::tempPath());
-    if (usableDir(temp)) {
-        downloadDir = std::make_unique<QDir>(temp);
+    const QDir temp(QDir::tempPath());
+    if (usableDir(temp))
+        downloadDir = ownFolderIn(temp);
+    if (downloadDir)
         return downloadDir.get();
-    }
     qDebug() << "No temp, using . for downloads";
-    downloadDir = std::make_unique<QDir>(QString());
+    downloadDir = ownFolderIn(QDir(QString()));
+    if (!downloadDir)
+        downloadDir = std::make_unique<QDir>(QString());
     return downloadDir.get();
 }
 
@@ -175,6 +239,22 @@ QNetworkReply* DlrApp::DownloadProduct(int manifestIndex)
     if (!offer.HasPlainName()) {
         qDebug() << "Refusing to download to" << offer.Name;
         return nullptr;
+    }
+
+    if (!IsWebAddress(offer.DownloadURL)) {
+        // Nothing is fetched and no file is made: the product fails.
+        QString address = offer.DownloadURL.toString(QUrl::RemoveUserInfo);
+        if (address.size() > 80)
+            address = address.left(77) + QStringLiteral("...");
+        const QString reason =
+            QStringLiteral("Not downloading from %1: packages come over http or https only").arg(address);
+        qDebug() << reason;
+        offer.downloadFile.reset();
+        downloadWriteError.clear();
+        downloadReply = new RefusedReply(offer.DownloadURL, reason, this);
+        connect(downloadReply, &QNetworkReply::finished, this, [this, reply = downloadReply] { finishedReply(reply); });
+        downloadIndex = manifestIndex;
+        return downloadReply;
     }
 
     // A retry continues the file the failed try left, when it is still ours.
@@ -414,6 +494,8 @@ void DlrApp::finishedDownload(QNetworkReply* reply)
     if (!downloadWriteError.isEmpty()) {
         failure = downloadWriteError;
         qDebug() << failure;
+    } else if (!IsWebAddress(reply->url())) {
+        failure = reply->errorString();
     } else if (reply->error() != QNetworkReply::NoError) {
         failure = DlrNetworkError(DlrTransferTimeout::Expired(reply) ? QNetworkReply::TimeoutError : reply->error());
         qDebug() << failure;

@@ -16,6 +16,7 @@
 #include <QNetworkProxyFactory>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QPointer>
 
 namespace {
 
@@ -86,7 +87,9 @@ void DlrApp::sslErrors(QNetworkReply* reply, const QList<QSslError>& errors)
     }
 
     // The handshake is decided when this slot returns, so the user answers
-    // here, in a nested event loop.
+    // here, in a nested event loop, for as long as they need.
+    const QPointer<QNetworkReply> asked(reply);
+    const DlrTransferTimeout::Hold noStallWhileAsking(reply);
     QMessageBox box(QMessageBox::Critical, QString(),
                     QStringLiteral("There was issue with the SSL connection. Continue anyway?"),
                     QMessageBox::Ok | QMessageBox::Cancel);
@@ -103,7 +106,8 @@ void DlrApp::sslErrors(QNetworkReply* reply, const QList<QSslError>& errors)
         box.setDetailedText(details.join(QStringLiteral("---")));
     }
     if (box.exec() == QMessageBox::Ok) {
-        reply->ignoreSslErrors();
+        if (asked)
+            reply->ignoreSslErrors();
         sslErrorsAccepted = true;
     }
 }

@@ -33,7 +33,10 @@ void DlrFinished::initializePage()
 
 bool DlrFinished::validatePage()
 {
+    // The manifest names the page; only a web page is handed to the
+    // desktop's opener, which would as readily run a file: or smb: address.
+    const QUrl& named = dlrApp()->successURL;
     // Whether a browser could be started does not matter: the run is over.
-    QDesktopServices::openUrl(dlrApp()->successURL);
+    QDesktopServices::openUrl(DlrApp::IsWebAddress(named) ? named : DlrApp::DefaultSuccessURL());
     return true;
 }

@@ -1,6 +1,6 @@
 #include "DlrInstallerLine.h"
 
-#include <cmath>
+#include <QRegularExpression>
 
 DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes)
 {
@@ -18,17 +18,14 @@ DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes)
 
     DlrInstallerLine line;
     line.plain = QString::fromLatin1(plain);
-    // "installer:%42.5" anywhere moves the bar, and only the bar.
-    static const QByteArray kProgress("installer:%");
-    const int at = plain.indexOf(kProgress);
-    if (at >= 0) {
-        int end = at + kProgress.size();
-        while (end < plain.size() && !std::isspace(static_cast<unsigned char>(plain.at(end))))
-            ++end;
-        const QByteArray number = plain.mid(at + kProgress.size(), end - at - kProgress.size());
+    // The first "installer:%" followed by digits and points moves the bar,
+    // and only the bar; "installer:%abc" is a status like any other.
+    static const QRegularExpression kProgress(QStringLiteral("installer:%([0-9.]+)"));
+    const QRegularExpressionMatch progress = kProgress.match(line.plain);
+    if (progress.hasMatch()) {
         bool ok = false;
-        const double percent = number.toDouble(&ok);
-        if (ok && std::isfinite(percent)) {
+        const double percent = progress.capturedRef(1).toDouble(&ok);
+        if (ok) {
             line.kind = DlrInstallerLine::Progress;
             line.fraction = qBound(0.0, percent, 100.0) / 100.0;
         }

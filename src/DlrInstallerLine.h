@@ -4,7 +4,8 @@
 #include <QString>
 
 // What one piece of the package installer's output means to the download
-// page: "installer:%<n>" moves the bar, anything else is a step to show.
+// page: "installer:%" and a number moves the bar, anything else is a step
+// to show.
 struct DlrInstallerLine {
     enum Kind {
         Nothing,  // a progress line whose number cannot be read: ignored
@@ -18,6 +19,7 @@ struct DlrInstallerLine {
 };
 
 // Reads what the installer wrote in one go (one line, as it flushes each).
-// Non-ASCII bytes are dropped and a NUL ends the text; the percentage is
-// held to 0..100, and one that is not a finite number counts as none.
+// Non-ASCII bytes are dropped and a NUL ends the text; the first
+// "installer:%" followed by digits and points counts, its percentage held
+// to 0..100, and one that is no number (1.2.3) moves nothing.
 DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes);

@@ -9,10 +9,32 @@ void DlrTransferTimeout::Watch(QNetworkReply* reply, int seconds)
         new DlrTransferTimeout(reply, seconds);
 }
 
+DlrTransferTimeout* DlrTransferTimeout::of(const QNetworkReply* reply)
+{
+    return reply ? reply->findChild<DlrTransferTimeout*>(QString(), Qt::FindDirectChildrenOnly) : nullptr;
+}
+
 bool DlrTransferTimeout::Expired(const QNetworkReply* reply)
 {
-    const auto* watch = reply ? reply->findChild<DlrTransferTimeout*>(QString(), Qt::FindDirectChildrenOnly) : nullptr;
+    const DlrTransferTimeout* watch = of(reply);
     return watch && watch->expired;
+}
+
+DlrTransferTimeout::Hold::Hold(QNetworkReply* reply)
+    : watch(of(reply))
+{
+    if (watch) {
+        watch->held = true;
+        watch->timer.stop();
+    }
+}
+
+DlrTransferTimeout::Hold::~Hold()
+{
+    if (watch) {
+        watch->held = false;
+        watch->restart();
+    }
 }
 
 DlrTransferTimeout::DlrTransferTimeout(QNetworkReply* reply, int seconds)
@@ -21,12 +43,17 @@ DlrTransferTimeout::DlrTransferTimeout(QNetworkReply* reply, int seconds)
     timer.setSingleShot(true);
     timer.setInterval(seconds * 1000);
     connect(&timer, &QTimer::timeout, this, &DlrTransferTimeout::expire);
-    const auto restart = [this] { timer.start(); };
-    connect(reply, &QNetworkReply::downloadProgress, this, restart);
-    connect(reply, &QNetworkReply::uploadProgress, this, restart);
-    connect(reply, &QNetworkReply::metaDataChanged, this, restart);
+    connect(reply, &QNetworkReply::downloadProgress, this, &DlrTransferTimeout::restart);
+    connect(reply, &QNetworkReply::uploadProgress, this, &DlrTransferTimeout::restart);
+    connect(reply, &QNetworkReply::metaDataChanged, this, &DlrTransferTimeout::restart);
     connect(reply, &QNetworkReply::finished, &timer, &QTimer::stop);
     timer.start();
+}
+
+void DlrTransferTimeout::restart()
+{
+    if (!held && static_cast<QNetworkReply*>(parent())->isRunning())
+        timer.start();
 }
 
 void DlrTransferTimeout::expire()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <QPointer>
 #include <QTimer>
 
 class QNetworkReply;
@@ -18,10 +19,27 @@ public:
     // True when the watch of this reply aborted it.
     static bool Expired(const QNetworkReply* reply);
 
+    // While it lives, the reply's watch counts nothing: a reply waiting for
+    // the user's answer to a question about it is not stalled. The watch
+    // starts afresh when the hold ends.
+    class Hold
+    {
+    public:
+        Q_DISABLE_COPY(Hold)
+        explicit Hold(QNetworkReply* reply);
+        ~Hold();
+
+    private:
+        QPointer<DlrTransferTimeout> watch; // gone with its reply
+    };
+
 private:
     DlrTransferTimeout(QNetworkReply* reply, int seconds);
+    static DlrTransferTimeout* of(const QNetworkReply* reply);
+    void restart();
     void expire();
 
     QTimer timer;
     bool expired = false;
+    bool held = false;
 };

@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <sys/stat.h>
 #include <optional>
 #include <unistd.h>
 
@@ -395,6 +396,8 @@ private slots:
         QTest::newRow("self-signed, accepted for good") << "self" << "127.0.0.1" << ok << "valid" << selfSigned << 0;
         QTest::newRow("self-signed, another name") << "self" << "127.0.0.2" << cancel << "Unknown manifest Validation"
                                                    << "There were multiple issues with the SSL connection" << 2;
+        // The user reads each question longer than the stall limit.
+        QTest::newRow("silent while the user reads") << "self" << "127.0.0.1" << ok << "valid" << selfSigned << 0;
     }
 
     void tls()
@@ -411,6 +414,14 @@ private slots:
         QVERIFY(other.start({QStringLiteral("--tls"), mode, QStringLiteral("--bind"), host}));
         const QUrl url = other.url(QStringLiteral("forum/currentproducts.php"));
         DialogAnswerer user{QMessageBox::StandardButton(answer)};
+        const bool slowReader = QByteArray(QTest::currentDataTag()).startsWith("silent");
+        QElapsedTimer reading;
+        if (slowReader)
+            user.ready = [&reading] {
+                if (!reading.isValid())
+                    reading.start();
+                return reading.hasExpired(3000);
+            };
 
         QCOMPARE(requestManifest(url), outcome);
         const QStringList asked{"There was issue with the SSL connection. Continue anyway?"};
@@ -422,6 +433,13 @@ private slots:
             dlrApp()->networkManager->clearConnectionCache();
             QCOMPARE(requestManifest(url), QStringLiteral("valid"));
             QCOMPARE(user.texts.size(), 1);
+        }
+        if (slowReader) {
+            dlrApp()->sslErrorsAccepted = false;
+            dlrApp()->networkManager->clearConnectionCache();
+            reading.invalidate();
+            QCOMPARE(download(), QString());
+            QCOMPARE(user.texts.size(), 2);
         }
     }
 
@@ -503,19 +521,49 @@ private slots:
                                           << QStringList{"Product.pkg", "Product-1.pkg.vlumdownload"}
                                           << "Product-2.pkg.vlumdownload";
         QTest::newRow("no suffix") << "Product" << QStringList() << "Product..vlumdownload";
+        // Without a Downloads folder: names another user took in the shared
+        // temporary folder steer nothing, a private folder in it is used.
+        QTest::newRow("shared temporary folder") << "Product.pkg"
+                                                 << QStringList{"@Product.pkg", "@Product-1.pkg.vlumdownload"}
+                                                 << "Product.pkg.vlumdownload";
     }
 
     void temporaryNames()
     {
         QFETCH(QString, name);
-        QFETCH(QStringList, existing);
+        QFETCH(QStringList, existing); // "@": made by another user in the shared folder
         QFETCH(QString, expected);
+        const bool shared = existing.value(0).startsWith('@');
+        QTemporaryDir sharedDir(QStringLiteral("/tmp/vlum-shared-XXXXXX"));
+        const QByteArray tmpdir = qgetenv("TMPDIR");
+        const bool hadTmpdir = qEnvironmentVariableIsSet("TMPDIR");
+        const auto restore = qScopeGuard([&] {
+            hadTmpdir ? qputenv("TMPDIR", tmpdir) : qunsetenv("TMPDIR");
+            dlrApp()->downloadDir.reset();
+        });
+        if (shared) {
+            QVERIFY(::chmod(QFile::encodeName(sharedDir.path()).constData(), 01777) == 0);
+            QVERIFY(QDir(downloads()).removeRecursively());
+            qputenv("TMPDIR", QFile::encodeName(sharedDir.path()));
+            dlrApp()->downloadDir.reset();
+            const QStringList asAnotherUser{"--reuid=4242", "--regid=4242", "--clear-groups", "--", "touch"};
+            existing.replaceInStrings(QStringLiteral("@"), sharedDir.path() + '/');
+            QCOMPARE(QProcess::execute(QStringLiteral("setpriv"), asAnotherUser + existing), 0);
+        }
         for (const QString& file : existing)
-            QVERIFY(QFile(downloads() + '/' + file).open(QIODevice::WriteOnly));
+            QVERIFY(shared || QFile(downloads() + '/' + file).open(QIODevice::WriteOnly));
         manifest() << offer(name);
         const QString temp = dlrApp()->getDownloadPath(0);
-        QCOMPARE(temp, downloads() + '/' + expected);
-        QCOMPARE(DlrApp::getFinalNameFromTempName(temp), downloads() + '/' + expected.chopped(13));
+        const QString folder = shared ? QFileInfo(temp).path() : downloads();
+        struct stat info {};
+        QVERIFY(::stat(QFile::encodeName(folder).constData(), &info) == 0);
+        QCOMPARE(info.st_uid, ::geteuid());
+        if (shared) {
+            QCOMPARE(QFileInfo(folder).path(), sharedDir.path());
+            QCOMPARE(info.st_mode & 07777, mode_t(0700));
+        }
+        QCOMPARE(temp, folder + '/' + expected);
+        QCOMPARE(DlrApp::getFinalNameFromTempName(temp), folder + '/' + expected.chopped(13));
         QTest::ignoreMessage(QtDebugMsg, "index out of range in getDownloadPath 1");
         QCOMPARE(dlrApp()->getDownloadPath(1), QStringLiteral("unkown.vlumdownload"));
     }
@@ -574,7 +622,7 @@ private slots:
     void transfer_data()
     {
         QTest::addColumn<QString>("name");  // the package on the server; Replaced.pkg changes after the first try
-        QTest::addColumn<QString>("query"); // its fault switches; "refused": a closed port
+        QTest::addColumn<QString>("query"); // its fault switches; "refused": a closed port; else an address of its own
         QTest::addColumn<qint64>("size");   // the offer's FileSize
         QTest::addColumn<int>("limit");     // the file size limit while the first try runs
         QTest::addColumn<QString>("reason");
@@ -594,7 +642,11 @@ private slots:
         row("404", "status=404&fault_times=1", DlrNetworkError(QNetworkReply::ContentNotFoundError));
         row("500", "status=500&fault_times=1", DlrNetworkError(QNetworkReply::InternalServerError));
         row("refused", "refused", DlrNetworkError(QNetworkReply::ConnectionRefusedError));
-        row("not a url", "not a url", DlrNetworkError(QNetworkReply::ProtocolUnknownError));
+        // Fetched from nowhere but the web, and nothing written for them.
+        const QString notWeb = QStringLiteral("Not downloading from %1: packages come over http or https only");
+        row("not a url", "not a url at all", notWeb.arg("not a url at all"));
+        row("local file", "file:///etc/passwd", notWeb.arg("file:///etc/passwd"));
+        row("data address", "data:,PK", notWeb.arg("data:,PK"));
         // The network layer calls these complete; only the byte count tells.
         row("no length, closed early", "no_length=1&drop_after=100000&fault_times=1",
             "Download incomplete: 100000 of 300000 bytes");
@@ -627,8 +679,10 @@ private slots:
         QUrl source = server.url(QStringLiteral("packages/") + name + '?' + query);
         if (query == QLatin1String("refused"))
             source = QUrl(QStringLiteral("https://127.0.0.1:%1/packages/Product.pkg").arg(freePort()));
-        else if (query == QLatin1String("not a url"))
-            source = QUrl(QStringLiteral("not a url at all"), QUrl::TolerantMode);
+        else if (!query.isEmpty() && !query.contains(QLatin1Char('=')))
+            source = QUrl(query, QUrl::TolerantMode);
+        const QStringList partial{name + QStringLiteral(".vlumdownload")};
+        const bool fetched = !reason.startsWith(QLatin1String("Not downloading"));
         manifest() << offer(name, source, size);
         qint64 received = 0;
         for (int tries = 0; tries < failures; ++tries) {
@@ -638,7 +692,7 @@ private slots:
                     full.emplace(limit);
                 QCOMPARE(download(&received), reason);
             }
-            QCOMPARE(QDir(downloads()).entryList(QDir::Files), QStringList{name + QStringLiteral(".vlumdownload")});
+            QCOMPARE(QDir(downloads()).entryList(QDir::Files), fetched ? partial : QStringList());
             QVERIFY(!manifest().at(0).downloaded);
             QVERIFY(!manifest().at(0).downloadFile);
             if (limit > 0)

@@ -347,7 +347,10 @@ private slots:
         if (page == DlrMainWindow::SelectionPage) {
             QCOMPARE(dlrApp()->user, " bob ");
             QCOMPARE(dlrApp()->pass, " s3cret ");
-            QCOMPARE(dlrApp()->GetDownloadDir()->path(), QDir::tempPath());
+            // The temporary folder, or a private folder in it when it is shared.
+            const QString dir = dlrApp()->GetDownloadDir()->path();
+            QVERIFY2(dir == QDir::tempPath() || (QFileInfo(dir).path() == QDir::tempPath() && QDir().rmdir(dir)),
+                     qPrintable(dir));
         } else if (!emptied.isEmpty()) {
             QTest::keyClicks(field(emptied), "x");
             QVERIFY(window->button(QWizard::NextButton)->isEnabled());
@@ -671,10 +674,10 @@ private slots:
         QCOMPARE(QFileInfo(downloads + "/D.PKG").size(), qint64(3000));
     }
 
-    // What one read of installer output means: a percentage held to 0..100
-    // moves the bar, one that is no finite number moves nothing, and the
-    // rest is shown without prefixes, typographic characters or what
-    // follows a NUL.
+    // What one read of installer output means: the first "installer:%" with
+    // digits and points is a percentage, held to 0..100, that moves the bar
+    // (one that is no number moves nothing), and the rest is shown without
+    // prefixes, typographic characters or what follows a NUL.
     void installerLines_data()
     {
         QTest::addColumn<QByteArray>("bytes");
@@ -683,11 +686,13 @@ private slots:
         QTest::newRow("percent within a status") << QByteArray("installer:STATUS:Copying installer:%12") << "bar 0.12";
         QTest::newRow("huge percent") << QByteArray("installer:%44444444444") << "bar 1";
         QTest::newRow("past double range") << "installer:%1" + QByteArray(400, '0') << "nothing";
-        QTest::newRow("negative") << QByteArray("installer:%-5") << "bar 0";
-        QTest::newRow("NaN") << QByteArray("installer:%nan") << "nothing";
-        QTest::newRow("infinity") << QByteArray("installer:%inf") << "nothing";
+        QTest::newRow("percent sign after") << QByteArray("installer:%42.5%") << "bar 0.425";
+        QTest::newRow("first percentage counts") << QByteArray("installer:%x installer:%30 installer:%60") << "bar 0.3";
+        QTest::newRow("letters") << QByteArray("installer:%abc") << "text %abc";
+        QTest::newRow("negative") << QByteArray("installer:%-5") << "text %-5";
+        QTest::newRow("NaN") << QByteArray("installer:%nan") << "text %nan";
         QTest::newRow("two points") << QByteArray("installer:%1.2.3") << "nothing";
-        QTest::newRow("no number") << QByteArray("installer:%") << "nothing";
+        QTest::newRow("no number") << QByteArray("installer:%") << "text %";
         QTest::newRow("phase") << QByteArray("installer:PHASE:Validating packages\n") << "text Validating packages";
         QTest::newRow("ellipsis dropped") << QByteArray("installer:STATUS:Running scripts\342\200\246") << "text Running scripts";
         QTest::newRow("NUL ends the text") << QByteArray("installer:STATUS:Done\0installer:%5", 34) << "text Done";
@@ -883,15 +888,41 @@ private slots:
 
     // A run that ends while the page is being entered (its one product is
     // on disk and is no package) lands on the finished page with only
-    // Finish, not with this page's buttons.
+    // Finish, not with this page's buttons. Finish opens the manifest's
+    // success page when it is a web page, else the default one.
+    void runEndsOnEntry_data()
+    {
+        QTest::addColumn<QString>("named"); // the manifest's DLRSuccessURL
+        QTest::addColumn<QUrl>("opened");
+        const QUrl page("http://127.0.0.1/view/done");
+        const QUrl fallback("https://www.oktavo.com/view/Install-Success");
+        QTest::newRow("web page") << page.toString() << page;
+        QTest::newRow("local file") << "file:///etc/passwd" << fallback;
+        QTest::newRow("script") << "javascript:alert(1)" << fallback;
+        QTest::newRow("network share") << "smb://127.0.0.1/share/run.desktop" << fallback;
+    }
+
     void runEndsOnEntry()
     {
+        QFETCH(QString, named);
+        QFETCH(QUrl, opened);
         server.serveOffers({{"Notes.zip", 500, {}}});
+        QByteArray xml = readFile(server.catalogPath("manifest.xml"));
+        xml.replace("</Manifest>", "<DLRSuccessURL>" + named.toUtf8() + "</DLRSuccessURL></Manifest>");
+        QVERIFY(server.writeCatalogFile("manifest.xml", xml));
         QVERIFY(QFile::copy(server.catalogPath("packages/Notes.zip"), downloads + "/Notes.zip"));
+        const QString scheme = QUrl(named).scheme();
+        QDesktopServices::setUrlHandler(scheme, &browser, "open");
+        const auto unset = qScopeGuard([&scheme] {
+            if (scheme != "http")
+                QDesktopServices::unsetUrlHandler(scheme);
+        });
         WizardDriver::enterDownloads(window);
         waitForFinishedPage();
         QVERIFY(window->button(QWizard::FinishButton)->isVisible());
         QVERIFY(!backButton()->isVisible() && !window->button(QWizard::BackButton)->isVisible());
+        QCOMPARE(WizardDriver::runUntilExit([this] { window->button(QWizard::FinishButton)->click(); }), 0);
+        QCOMPARE(browser.opened, QList<QUrl>{opened});
     }
 
     // The engine refuses to start the page's download (here it is busy
