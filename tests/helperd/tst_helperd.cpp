@@ -514,18 +514,32 @@ private slots:
 
     void installScript_data()
     {
-        QTest::addColumn<QString>("programFolder"); // "": the build's own; "open" to all, or "theirs", another user's
+        // programFolder "": the build's own; "open" to all; "theirs", another user's; else root's, named in
+        // Latin-1 (reached through a link by its name in UTF-8)
+        QTest::addColumn<QString>("programFolder");
+        QTest::addColumn<int>("keysMode"); // of <programFolder>/../Resources/keys; 0: none made
         QTest::addColumn<QString>("socketName");
         QTest::addColumn<QString>("expected"); // the ExecStart line, or the reason it failed
+        const QString cannotStart = "systemd cannot start a program whose path holds $, quotes or a backslash: @FOLDER@/"
+                                    "velluma-installer-helper";
         QTest::newRow("quotes, specifiers and variables escaped")
-            << "" << "a \"b\" %n $HOME \\c.sock"
+            << "" << 0 << "a \"b\" %n $HOME \\c.sock"
             << "ExecStart=\"@HELPER@\" --socket \"@WORK@/a \\\"b\\\" %%n $$HOME \\\\c.sock\" --installer \"@WORK@/installer\"";
-        QTest::newRow("a line break in a path") << "" << "a\nb.sock" << "a control character in a path";
+        QTest::newRow("a blank and a specifier in the program's path escaped")
+            << "a %n" << 0 << "s.sock"
+            << "ExecStart=\"@WORK@/a %%n/velluma-installer-helper\" --socket \"@WORK@/s.sock\" --installer \"@WORK@/installer\"";
+        QTest::newRow("a line break in a path") << "" << 0 << "a\nb.sock" << "a control character in a path";
+        QTest::newRow("a $ in the program's path") << "a$b" << 0 << "s.sock" << cannotStart;
+        QTest::newRow("a quote in the program's path") << "a\"b" << 0 << "s.sock" << cannotStart;
+        QTest::newRow("a backslash in the program's path") << "a\\b" << 0 << "s.sock" << cannotStart;
+        QTest::newRow("a program path not in UTF-8") << "caf\u00e9" << 0 << "s.sock" << "a path that is not UTF-8";
         QTest::newRow("a program in a folder others can write")
-            << "open" << "s.sock" << "writable by others than root: @FOLDER@";
+            << "open" << 0 << "s.sock" << "writable by others than root: @FOLDER@";
         QTest::newRow("a program in another user's folder")
-            << "theirs" << "s.sock" << "not owned by root: @FOLDER@";
-        QTest::newRow("no service manager") << "" << "s.sock" << "no service manager: systemd is not running";
+            << "theirs" << 0 << "s.sock" << "not owned by root: @FOLDER@";
+        QTest::newRow("keys in a folder others can write")
+            << "bundle/bin" << 0777 << "s.sock" << "writable by others than root: @WORK@/bundle/Resources/keys";
+        QTest::newRow("no service manager") << "" << 0 << "s.sock" << "no service manager: systemd is not running";
     }
 
     // The service unit names only what root alone can change, and a path
@@ -534,6 +548,7 @@ private slots:
     void installScript()
     {
         QFETCH(QString, programFolder);
+        QFETCH(int, keysMode);
         QFETCH(QString, socketName);
         QFETCH(QString, expected);
         const bool printUnit = !expected.startsWith(QLatin1String("no service manager")); // else it installs
@@ -541,10 +556,27 @@ private slots:
             QSKIP("systemd runs here; installing would change the machine");
         QString helper = QStringLiteral(VLUM_HELPER);
         const QString folder = work.filePath(programFolder);
+        // A name not in UTF-8 is the folder's while the script runs, its name
+        // in UTF-8 a link to it; then it gets that name back (Qt removes no other).
+        const QByteArray named = QFile::encodeName(folder);
+        const QByteArray latin1 = QFile::encodeName(work.path()) + '/' + programFolder.toLatin1();
+        const bool inLatin1 = !programFolder.isEmpty() && programFolder.toLatin1() != programFolder.toUtf8();
+        const auto renamed = qScopeGuard([&] {
+            if (inLatin1 && ::unlink(named.constData()) == 0)
+                ::rename(latin1.constData(), named.constData());
+        });
         if (!programFolder.isEmpty()) {
             helper = folder + QStringLiteral("/velluma-installer-helper");
             QVERIFY(QDir().mkpath(folder) && (QFile::exists(helper) || QFile::copy(QStringLiteral(VLUM_HELPER), helper)));
-            QVERIFY(programFolder == QLatin1String("open") ? setOwner(folder, 0, 0777) : setOwner(folder, kOther, 0755));
+            QVERIFY(setOwner(folder, programFolder == QLatin1String("theirs") ? kOther : 0,
+                             programFolder == QLatin1String("open") ? 0777 : 0755));
+            if (inLatin1)
+                QVERIFY(::rename(named.constData(), latin1.constData()) == 0
+                        && ::symlink(latin1.constData(), named.constData()) == 0);
+        }
+        if (keysMode != 0) {
+            const QString keys = QFileInfo(folder).path() + QStringLiteral("/Resources/keys");
+            QVERIFY(QDir().mkpath(keys) && setOwner(keys, 0, keysMode));
         }
         const QString label = QStringLiteral("com.oktavo.velluma.test.InstallerHelper");
         QProcess script;
