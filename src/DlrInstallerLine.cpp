@@ -23,12 +23,12 @@ DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes)
     static const QRegularExpression kProgress(QStringLiteral("installer:%([0-9.]+)"));
     const QRegularExpressionMatch progress = kProgress.match(line.plain);
     if (progress.hasMatch()) {
+        // Read as a float; digits and points that make no number ("1.2.3",
+        // or past a float's range) count as 0.
         bool ok = false;
-        const double percent = progress.capturedRef(1).toDouble(&ok);
-        if (ok) {
-            line.kind = DlrInstallerLine::Progress;
-            line.fraction = qBound(0.0, percent, 100.0) / 100.0;
-        }
+        const float percent = progress.capturedRef(1).toFloat(&ok);
+        line.kind = DlrInstallerLine::Progress;
+        line.fraction = ok ? qBound(0.0, double(percent), 100.0) / 100.0 : 0.0;
         return line;
     }
 
