@@ -679,7 +679,7 @@ private slots:
 
     // What one read of installer output means: the first "installer:%" with
     // digits and points is a percentage, held to 0..100, that moves the bar
-    // (one that is no number moves nothing), and the rest is shown without
+    // (one that is no number counts as 0), and the rest is shown without
     // prefixes, typographic characters or what follows a NUL.
     void installerLines_data()
     {
