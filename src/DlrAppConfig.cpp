@@ -18,16 +18,6 @@ namespace {
 
 const char kSettingsFileName[] = "vluminstaller.ini";
 
-// A value of the wrong kind is taken as text without complaint. INI values
-// with an unquoted comma come back as lists: join them again so that such a
-// password is not silently emptied.
-QString settingText(const QVariant& value)
-{
-    if (value.userType() == QMetaType::QStringList)
-        return value.toStringList().join(QLatin1Char(','));
-    return value.toString();
-}
-
 struct TextMember {
     const char* name; // the settings key; the option is "-" + name
     std::optional<QString> DlrOptions::*option;
@@ -109,15 +99,17 @@ DlrOptions DlrReadSettingsFile(const QString& path)
     const QHash<QString, QVariant> settings = DlrReadIniTopLevel(file.readAll());
     for (const TextMember& entry : kTextMembers) {
         const QString key = QLatin1String(entry.name);
+        // A value of the wrong kind is taken as text without complaint, as
+        // QSettings converts it: an unquoted comma makes a list, no text.
         if (settings.contains(key))
-            options.*entry.option = settingText(settings.value(key));
+            options.*entry.option = settings.value(key).toString();
     }
     options.debug = settings.contains(QStringLiteral("debug"));
     if (settings.contains(QStringLiteral("dumpManifest")))
         options.dumpManifest = settings.value(QStringLiteral("dumpManifest")).toInt() != 0;
     // Whole seconds from one to a day; anything else keeps the default.
     bool ok = false;
-    const int timeout = settingText(settings.value(QStringLiteral("transfertimeout"))).trimmed().toInt(&ok);
+    const int timeout = settings.value(QStringLiteral("transfertimeout")).toString().trimmed().toInt(&ok);
     if (ok && timeout > 0)
         options.transferTimeout = qMin(timeout, 24 * 3600);
     return options;

@@ -88,13 +88,15 @@ private slots:
              "p.php"},
             {"user=", "alternateManifestFile=m.xml", "appendManifestFile=a.xml", "manifestUrl=p.php"},
             "Unknown option -bogus\n\nUnknown option -USER\n\n");
+        // An unquoted comma makes a list, which QSettings gives as no text.
         row("wrong-typed values read as text, quietly",
-            "user=@ByteArray(raw)\npass=a,b\ndumpManifest=@Variant(\\0\\0\\0\\x7f)\n", {},
-            {"user=raw", "pass=a,b", "dumpManifest=false"});
+            "user=@ByteArray(raw)\npass=a, b\nmanifesturl=a,\"b,c\"\nmanifest=\"a, b\"\n"
+            "dumpManifest=@Variant(\\0\\0\\0\\x7f)\n",
+            {}, {"user=raw", "pass=", "manifestUrl=", "alternateManifestFile=a, b", "dumpManifest=false"});
         row("INI comments, quotes, escapes, continued lines and sections",
             "; user=commented\nuser = \"a ; b\" ; trailing\npass=\\x41\\102 \\\n c\n[Other]\nmanifest=no.xml\n"
-            "[general]\nmanifesturl=one, two\n",
-            {}, {"user=a ; b", "pass=AB  c", "alternateManifestFile=", "manifestUrl=one,two"});
+            "[general]\nmanifesturl=one\n",
+            {}, {"user=a ; b", "pass=AB  c", "alternateManifestFile=", "manifestUrl=one"});
         row("a byte-order mark stays in the first key", "\xef\xbb\xbfuser=hidden\npass=p\n", {}, {"user=", "pass=p"});
         // Decoding would build whatever type the bytes name (a polygon here,
         // whose reader brought the program down).
