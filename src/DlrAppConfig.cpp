@@ -115,7 +115,11 @@ DlrOptions DlrReadSettingsFile(const QString& path)
     return options;
 }
 
-DlrOptions DlrParseArguments(const QStringList& args)
+namespace {
+
+// One reading of the command line; the options of the run without a window
+// count only in that run, and are unknown ones otherwise.
+DlrOptions readArguments(const QStringList& args, bool unattended)
 {
     DlrOptions options;
     int i = 0;
@@ -139,7 +143,7 @@ DlrOptions DlrParseArguments(const QStringList& args)
         if (handled)
             continue;
 
-        if (arg == QLatin1String("-products") && i + 1 < args.size()) {
+        if (unattended && arg == QLatin1String("-products") && i + 1 < args.size()) {
             options.products = args.at(i + 1);
             i += 2;
             continue;
@@ -148,7 +152,7 @@ DlrOptions DlrParseArguments(const QStringList& args)
             options.debug = true;
         } else if (arg == QLatin1String("-unattended")) {
             options.unattended = true;
-        } else if (arg == QLatin1String("-json")) {
+        } else if (unattended && arg == QLatin1String("-json")) {
             options.json = true;
         } else if (arg == QLatin1String("-dumpManifest")) {
             options.dumpManifest = true;
@@ -161,6 +165,20 @@ DlrOptions DlrParseArguments(const QStringList& args)
         ++i;
     }
     return options;
+}
+
+} // namespace
+
+DlrOptions DlrParseArguments(const QStringList& args)
+{
+    // -unattended may come last: read once to find it, and again without
+    // that run's options when it is not there.
+    const DlrOptions options = readArguments(args, true);
+    if (options.unattended)
+        return options;
+    DlrOptions windowed = readArguments(args, false);
+    windowed.unattended = false; // the first reading took it as -products' value
+    return windowed;
 }
 
 void DlrApp::loadSettings()

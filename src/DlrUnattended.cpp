@@ -61,8 +61,9 @@ void DlrUnattended::Begin()
 void DlrUnattended::run()
 {
     DlrApp* app = dlrApp();
+    for (const QString& unknown : qAsConst(app->unknownOptions))
+        log.Event(QStringLiteral("error"), QString(), QStringLiteral("unknown option ") + unknown);
     if (!app->unknownOptions.isEmpty()) {
-        log.Event(QStringLiteral("error"), QString(), QStringLiteral("unknown option ") + app->unknownOptions.first());
         end(BadRequest);
         return;
     }

@@ -465,8 +465,8 @@ private slots:
         QTest::newRow("unknown product name") << pass + QStringList{"-products", "Velluma Sample Scenes,Nope"}
                                               << Replacements{} << true << demoKey << 5 << QStringList{}
                                               << "^error: no such product on offer: Nope$";
-        QTest::newRow("unknown option") << pass + QStringList{"-bogus"} << Replacements{} << true << demoKey << 5 << QStringList{}
-                                        << "^error: unknown option -bogus$";
+        QTest::newRow("unknown options, each named") << pass + QStringList{"-bogus", "-Products"} << Replacements{} << true
+            << demoKey << 5 << QStringList{} << "^error: unknown option -bogus$\n^error: unknown option -Products$";
         QTest::newRow("refused login") << QStringList{"-pass", "wrong"} << Replacements{} << true << demoKey << 1 << QStringList{}
                                        << "^error: Could not get a product list from Oktavo: Wrong password$";
         QTest::newRow("certificate refused, not asked")
