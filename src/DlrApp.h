@@ -43,6 +43,9 @@ public:
     bool isGui() const { return true; }
 
     QUrl GetURL(DlrLocation location) const;
+    // The settings file in use when it holds a password that users other
+    // than this process's can read; empty otherwise.
+    QString ExposedPasswordFile() const;
 
     // Surveys the machine (blocking) and keeps the survey in `assay`.
     void DoAssay();

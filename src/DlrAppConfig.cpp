@@ -14,6 +14,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 const char kSettingsFileName[] = "vluminstaller.ini";
@@ -134,6 +137,8 @@ DlrOptions readArguments(const QStringList& args, bool unattended)
                 // later -manifestserverscheme says otherwise.
                 if (opt.option == &DlrOptions::manifestServer)
                     options.manifestServerScheme = QStringLiteral("http");
+                if (opt.option == &DlrOptions::pass)
+                    options.passArguments << i + 1;
                 options.*opt.option = args.at(i + 1);
                 i += 2;
                 handled = true;
@@ -179,6 +184,28 @@ DlrOptions DlrParseArguments(const QStringList& args)
     DlrOptions windowed = readArguments(args, false);
     windowed.unattended = false; // the first reading took it as -products' value
     return windowed;
+}
+
+void DlrHidePasswordArguments(int argc, char** argv)
+{
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    for (int at : DlrParseArguments(arguments).passArguments) {
+        for (char* c = argv[at + 1]; *c; ++c)
+            *c = 'x';
+    }
+}
+
+QString DlrApp::ExposedPasswordFile() const
+{
+    if (!settings)
+        return QString();
+    const QString path = settings->fileName();
+    struct stat info {};
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0 || !DlrReadSettingsFile(path).pass)
+        return QString();
+    return (info.st_mode & (S_IRGRP | S_IROTH)) || info.st_uid != ::geteuid() ? path : QString();
 }
 
 void DlrApp::loadSettings()

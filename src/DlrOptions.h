@@ -25,6 +25,7 @@ struct DlrOptions {
     std::optional<QString> products;
     bool json = false;
 
+    QList<int> passArguments;   // where each -pass value stands in the list read
     QStringList unknownOptions; // as given, in order, to be reported
     bool usageAsked = false;    // -help, --help or -h; reading stopped there
 };
@@ -32,6 +33,11 @@ struct DlrOptions {
 // The command line, without the program's name. Entries that are no option
 // are skipped without a word.
 DlrOptions DlrParseArguments(const QStringList& arguments);
+
+// Overwrites each -pass value in the process's own argument memory
+// (argv[1] on, as the application object read them): any local user can
+// read a process's command line.
+void DlrHidePasswordArguments(int argc, char** argv);
 
 // The top-level keys of the settings file at `path` (INI, read by
 // DlrReadIniTopLevel); a missing or unreadable file sets nothing.

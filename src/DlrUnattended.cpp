@@ -72,6 +72,12 @@ void DlrUnattended::run()
         end(BadRequest);
         return;
     }
+    const QString exposed = app->ExposedPasswordFile();
+    if (!exposed.isEmpty())
+        log.Event(QStringLiteral("warning"), QString(),
+                  exposed + QStringLiteral(" holds the password and users other than you can read it; keep it "
+                                           "readable by you alone (mode 0600)"),
+                  {{QStringLiteral("path"), exposed}});
     connect(app, &DlrApp::validManifestReply, this, &DlrUnattended::validManifest);
     connect(app, &DlrApp::invalidManifestReply, this, &DlrUnattended::invalidManifest);
     connect(app, qOverload<int>(&DlrApp::finishedDownload), this, &DlrUnattended::downloadCompleted);

@@ -70,7 +70,9 @@ private slots:
         row("-debug option", {}, {"-debug"}, {"logLevel=0"});
         row("command line beats settings file", "user=fromfile\npass=filepass\n", {"-user", "fromargs"},
             {"user=fromargs", "pass=filepass"});
-        row("blanks around a password are kept", {}, {"-user", "alice", "-pass", " s3cret "}, {"pass= s3cret "});
+        // The process list shows no password once read.
+        row("blanks around a password are kept", {}, {"-user", "alice", "-pass", " s3cret ", "-pass", "p"},
+            {"pass=p", "arguments=-user alice -pass xxxxxxxx -pass x"});
         row("-manifestserver then -manifestserverscheme https", {},
             {"-manifestserver", "h.example", "-manifestserverscheme", "https"},
             {"manifestServerScheme=https", "manifestURL=https://h.example/forum/currentproducts.php"});
