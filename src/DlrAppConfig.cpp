@@ -49,6 +49,8 @@ void apply(DlrApp& app, const DlrOptions& options)
         app.dumpManifest = *options.dumpManifest;
     if (options.transferTimeout)
         app.transferTimeout = *options.transferTimeout;
+    if (options.caFile)
+        app.caFile = *options.caFile;
 }
 
 } // namespace
@@ -87,6 +89,8 @@ QString DlrUsageText()
                "    exactly these offers (names as listed or package names)\n"
                " -json\n"
                "    events as JSON lines\n"
+               " -cafile <file>\n"
+               "    also trust the certificate authorities of this PEM file\n"
                "exit status: 0 everything chosen installed, 1 no product list,\n"
                "    2 not enough free space, 3 a download failed, 4 an installation\n"
                "    failed, 5 a bad option or product name")
@@ -107,6 +111,8 @@ DlrOptions DlrReadSettingsFile(const QString& path)
         if (settings.contains(key))
             options.*entry.option = settings.value(key).toString();
     }
+    if (settings.contains(QStringLiteral("cafile")))
+        options.caFile = settings.value(QStringLiteral("cafile")).toString();
     options.debug = settings.contains(QStringLiteral("debug"));
     if (settings.contains(QStringLiteral("dumpManifest")))
         options.dumpManifest = settings.value(QStringLiteral("dumpManifest")).toInt() != 0;
@@ -148,8 +154,9 @@ DlrOptions readArguments(const QStringList& args, bool unattended)
         if (handled)
             continue;
 
-        if (unattended && arg == QLatin1String("-products") && i + 1 < args.size()) {
-            options.products = args.at(i + 1);
+        const bool products = arg == QLatin1String("-products");
+        if (unattended && (products || arg == QLatin1String("-cafile")) && i + 1 < args.size()) {
+            (products ? options.products : options.caFile) = args.at(i + 1);
             i += 2;
             continue;
         }

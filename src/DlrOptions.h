@@ -20,10 +20,13 @@ struct DlrOptions {
     std::optional<int> transferTimeout; // seconds, 1 to 86400
 
     // The run without a window: -unattended, with the offers -products
-    // names (comma-separated) and events as JSON lines (-json).
+    // names (comma-separated), events as JSON lines (-json), and the
+    // certificate authorities it trusts besides the system's and the
+    // bundle's (-cafile, or the settings key "cafile").
     bool unattended = false;
     std::optional<QString> products;
     bool json = false;
+    std::optional<QString> caFile;
 
     QList<int> passArguments;   // where each -pass value stands in the list read
     QStringList unknownOptions; // as given, in order, to be reported

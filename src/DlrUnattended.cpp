@@ -67,6 +67,12 @@ void DlrUnattended::run()
         end(BadRequest);
         return;
     }
+    QString untrusted;
+    if (!app->TrustKnownRootsOnly(untrusted)) {
+        log.Event(QStringLiteral("error"), QString(), untrusted);
+        end(BadRequest);
+        return;
+    }
     if (app->productsNamed && app->products.isEmpty()) {
         log.Event(QStringLiteral("error"), QString(), QStringLiteral("-products names no product"));
         end(BadRequest);

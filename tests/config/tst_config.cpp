@@ -87,10 +87,11 @@ private slots:
             {"-user", "-help", "-pass", "-debug"}, {"user=-help", "pass=-debug", "logLevel=2"});
         // Those of the run without a window are unknown without -unattended.
         row("unknown options reported, stray entries skipped silently", {},
-            {"stray", "", "-bogus", "-USER", "x", "-products", "p", "-json", "-manifest", "m.xml", "-appendmanifest",
-             "a.xml", "-manifesturl", "p.php"},
+            {"stray", "", "-bogus", "-USER", "x", "-products", "p", "-json", "-cafile", "c", "-manifest", "m.xml",
+             "-appendmanifest", "a.xml", "-manifesturl", "p.php"},
             {"user=", "alternateManifestFile=m.xml", "appendManifestFile=a.xml", "manifestUrl=p.php"},
-            "Unknown option -bogus\n\nUnknown option -USER\n\nUnknown option -products\n\nUnknown option -json\n\n");
+            "Unknown option -bogus\n\nUnknown option -USER\n\nUnknown option -products\n\nUnknown option -json\n\n"
+            "Unknown option -cafile\n\n");
         // An unquoted comma makes a list, which QSettings gives as no text.
         row("wrong-typed values read as text, quietly",
             "user=@ByteArray(raw)\npass=a, b\nmanifesturl=a,\"b,c\"\nmanifest=\"a, b\"\n"

@@ -135,8 +135,8 @@ class TestFaults : public QObject
     QString downloads;
     QString catalog; // the demo catalog as built
     QStringList table;
-    VendorServer server;        // the catalog over TLS with its own root, as the demo serves it
-    VendorServer unknownIssuer; // a certificate the user would be asked about
+    VendorServer server;   // the catalog over TLS with the bundle's root, as the demo serves it
+    VendorServer stranger; // a man in the middle, with a root of his own in the chain
     HelperProcess helper;
     UrlCatcher browser;
     QScopedPointer<DlrMainWindow> window;
@@ -148,7 +148,7 @@ class TestFaults : public QObject
         for (const auto& replacement : replacements)
             xml.replace(replacement.first.toUtf8(), replacement.second.toUtf8());
         server.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
-        unknownIssuer.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
+        stranger.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
     }
 
     void waitForFinishedPage()
@@ -229,11 +229,13 @@ private slots:
                                        {QStringLiteral("--sign-key"), QStringLiteral(VLUM_DEMO_KEY), catalog}, work.path());
         QVERIFY2(made.exitCode == 0, made.err.constData());
         const QDir packages(catalog + QStringLiteral("/packages"));
-        for (const QString& name : packages.entryList(QDir::Files))
-            QVERIFY(QFile::copy(packages.filePath(name), server.catalogPath(QStringLiteral("packages/") + name)));
+        for (const QString& name : packages.entryList(QDir::Files)) {
+            for (const VendorServer* to : {&server, &stranger})
+                QVERIFY(QFile::copy(packages.filePath(name), to->catalogPath(QStringLiteral("packages/") + name)));
+        }
         server.writePackage(QStringLiteral("corrupt.pkg"), 5000); // the right name, not an archive
-        QVERIFY(server.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
-        QVERIFY(unknownIssuer.start({QStringLiteral("--tls"), QStringLiteral("ca")}));
+        QVERIFY(server.start({"--tls", "chain", "--ca-cert", VLUM_DEMO_CA, "--ca-key", VLUM_DEMO_CA_KEY}));
+        QVERIFY(stranger.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
         QVERIFY(startHelper());
         qputenv("VLUM_HELPER_SOCKET", QFile::encodeName(helper.SocketPath()));
         QDesktopServices::setUrlHandler(QStringLiteral("https"), &browser, "open");
@@ -440,13 +442,13 @@ private slots:
         QTest::addColumn<QStringList>("folders");
         QTest::addColumn<QString>("line");
         QTest::addColumn<Replacements>("manifest");
-        QTest::addColumn<bool>("trustedServer");
+        QTest::addColumn<bool>("fromStranger");
         QTest::addColumn<QString>("helperKeys"); // the helper trusts the demo key, "no key", or "none" answers
         QTest::addColumn<QByteArray>("settings"); // a settings file in the home folder, readable by all
         const auto row = [](const char* tag, const QStringList& options, int exitCode, const QStringList& folders,
-                            const QString& line, const Replacements& manifest = {}, bool trustedServer = true,
+                            const QString& line, const Replacements& manifest = {}, bool fromStranger = false,
                             const QString& helperKeys = QStringLiteral("demo key"), const QByteArray& settings = {}) {
-            QTest::newRow(tag) << options << exitCode << folders << line << manifest << trustedServer << helperKeys
+            QTest::newRow(tag) << options << exitCode << folders << line << manifest << fromStranger << helperKeys
                                << settings;
         };
 
@@ -460,12 +462,12 @@ private slots:
             "^warning: Velluma CoreServer 22.0: Packages are not verified: no trusted key is installed in .*$[\\s\\S]*"
             "^install: Velluma CoreServer 22.0: installed, unverified$[\\s\\S]*"
             "^summary: 3 chosen, 3 installed \\(3 unverified\\),",
-            {}, true, "no key");
+            {}, false, "no key");
         row("no helper: where it was looked for, and what sets it up", pass, 4, {},
             "^install: Velluma CoreServer 22.0: failed: could not start the installer through the helper: nothing "
             "answers on the helper's socket /\\S+/helper\\.sock; as root, /\\S+/libexec/install-helper sets the "
             "helper up as a system service$",
-            {}, true, "none");
+            {}, false, "none");
         row("-products by listed name and by package name, a hidden offer included",
             pass + QStringList{"-products", "Velluma Sample Scenes,VellumaForMaya-22.0-maya2018_1234.pkg"}, 0,
             {kScenesFolder, kBridgeFolder}, "^summary: 2 chosen, 2 installed");
@@ -474,7 +476,10 @@ private slots:
         row("unknown options, each named", pass + QStringList{"-bogus", "-Products"}, 5, {},
             "^error: unknown option -bogus$\\n^error: unknown option -Products$");
         row("refused login", {"-pass", "wrong"}, 1, {}, "^error: Could not get a product list from Oktavo: Wrong password$");
-        row("certificate refused, not asked", pass, 1, {}, "^tls: refused the server.s certificate: .", {}, false);
+        // Where the wizard accepts a lone root in the chain, nobody would see a stranger's.
+        row("a stranger's root: refused, not asked", pass, 1, {}, "^tls: refused the server.s certificate: .", {}, true);
+        row("-cafile: a root the administrator names is trusted", pass + QStringList{"-cafile", stranger.caPath}, 0,
+            all, "^summary: 3 chosen, 3 installed", {}, true);
         row("corrupt package: the others still installed", pass, 4, {kCoreFolder, kBridgeFolder},
             "^install: Velluma Sample Scenes: failed: .", kCorrupt);
         row("download that never succeeds: 3 retries, then skipped", pass, 3, {kCoreFolder, kScenesFolder},
@@ -484,9 +489,10 @@ private slots:
         row("not enough free space", pass, 2, {},
             "^error: You do not have enough free disk space to download the selected products\\. Needed ",
             {{"@SIZE:" + kScenes + "@", "4611686018427387904"}});
-        row("password in a settings file others can read: warned", {"-products", "Velluma Sample Scenes"}, 0,
-            {kScenesFolder}, "^warning: /\\S+/vluminstaller\\.ini holds the password and users other than you can read it;",
-            {}, true, "demo key", "pass=velluma\n");
+        row("settings file: its root trusted, its password readable by others warned",
+            {"-products", "Velluma Sample Scenes"}, 0, {kScenesFolder},
+            "^warning: /\\S+/vluminstaller\\.ini holds the password and users other than you can read it;", {}, true,
+            "demo key", "pass=velluma\ncafile=" + stranger.caPath.toUtf8() + '\n');
     }
 
     void unattended()
@@ -496,7 +502,7 @@ private slots:
         QFETCH(QStringList, folders);
         QFETCH(QString, line);
         QFETCH(Replacements, manifest);
-        QFETCH(bool, trustedServer);
+        QFETCH(bool, fromStranger);
         QFETCH(QString, helperKeys);
         QFETCH(QByteArray, settings);
         serve(manifest);
@@ -511,7 +517,7 @@ private slots:
             QVERIFY(helper.Stop(SIGTERM));
         if (helperKeys == QLatin1String("no key"))
             QVERIFY(QDir(work.path()).mkpath("no-keys") && startHelper(work.filePath("no-keys")));
-        const ChildRun run = runUnattended(trustedServer ? server : unknownIssuer, options);
+        const ChildRun run = runUnattended(fromStranger ? stranger : server, options);
         if (otherHelper) {
             helper.Stop(SIGTERM);
             QVERIFY(startHelper());
