@@ -4,6 +4,7 @@
 #include "DlrLog.h"
 #include "DlrMachineAssay.h"
 #include "DlrMainWindow.h"
+#include "DlrOptions.h"
 #include "DlrUnattended.h"
 
 #include <QFile>
@@ -25,6 +26,7 @@ DlrApp::DlrApp(int& argc, char** argv)
     loadSettings();
     parseEnvironment();
     parseCommandLineArguments();
+    DlrHidePasswordArguments(argc, argv);
 }
 
 QUrl DlrApp::DefaultSuccessURL()

@@ -45,6 +45,9 @@ public:
     QUrl GetURL(DlrLocation location) const;
     // The vendor's success page, opened by Finish when the manifest names none.
     static QUrl DefaultSuccessURL();
+    // The settings file in use when it holds a password that users other
+    // than this process's can read; empty otherwise.
+    QString ExposedPasswordFile() const;
 
     // Surveys the machine (blocking) and keeps the survey in `assay`.
     void DoAssay();
@@ -58,6 +61,11 @@ public:
     // Server communication. Every request goes through one manager; the
     // outcome reaches the pages through the four signals below.
     QNetworkAccessManager* getNetworkManager();
+    // From now on a certificate chain must end in a root of the system's
+    // store, of the bundle's Resources/certs/ or of `caFile`: nobody is
+    // there to notice a stranger's. False, with why, when `caFile` holds no
+    // certificate.
+    bool TrustKnownRootsOnly(QString& why);
     void RequestManifest(const QUrl& url, const QString& user, const QString& pass, const QString& platform);
 
     // Downloads, one at a time, into the download folder.
@@ -98,12 +106,13 @@ public:
     // Seconds a request may go without moving a byte before it fails
     // (settings key "transfertimeout").
     int transferTimeout = 30;
-    // -unattended, -json, -products: the run without a window. Unknown
+    // -unattended, -json, -products, -cafile: the run without a window. Unknown
     // options are kept, since that run refuses them.
     bool unattended = false;
     bool jsonEvents = false;
     bool productsNamed = false;
     QStringList products;
+    QString caFile;
     QStringList unknownOptions;
 
     // Server and download state.

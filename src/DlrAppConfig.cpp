@@ -14,19 +14,12 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 const char kSettingsFileName[] = "vluminstaller.ini";
-
-// A value of the wrong kind is taken as text without complaint. INI values
-// with an unquoted comma come back as lists: join them again so that such a
-// password is not silently emptied.
-QString settingText(const QVariant& value)
-{
-    if (value.userType() == QMetaType::QStringList)
-        return value.toStringList().join(QLatin1Char(','));
-    return value.toString();
-}
 
 struct TextMember {
     const char* name; // the settings key; the option is "-" + name
@@ -56,6 +49,8 @@ void apply(DlrApp& app, const DlrOptions& options)
         app.dumpManifest = *options.dumpManifest;
     if (options.transferTimeout)
         app.transferTimeout = *options.transferTimeout;
+    if (options.caFile)
+        app.caFile = *options.caFile;
 }
 
 } // namespace
@@ -94,6 +89,8 @@ QString DlrUsageText()
                "    exactly these offers (names as listed or package names)\n"
                " -json\n"
                "    events as JSON lines\n"
+               " -cafile <file>\n"
+               "    also trust the certificate authorities of this PEM file\n"
                "exit status: 0 everything chosen installed, 1 no product list,\n"
                "    2 not enough free space, 3 a download failed, 4 an installation\n"
                "    failed, 5 a bad option or product name")
@@ -109,21 +106,29 @@ DlrOptions DlrReadSettingsFile(const QString& path)
     const QHash<QString, QVariant> settings = DlrReadIniTopLevel(file.readAll());
     for (const TextMember& entry : kTextMembers) {
         const QString key = QLatin1String(entry.name);
+        // A value of the wrong kind is taken as text without complaint, as
+        // QSettings converts it: an unquoted comma makes a list, no text.
         if (settings.contains(key))
-            options.*entry.option = settingText(settings.value(key));
+            options.*entry.option = settings.value(key).toString();
     }
+    if (settings.contains(QStringLiteral("cafile")))
+        options.caFile = settings.value(QStringLiteral("cafile")).toString();
     options.debug = settings.contains(QStringLiteral("debug"));
     if (settings.contains(QStringLiteral("dumpManifest")))
         options.dumpManifest = settings.value(QStringLiteral("dumpManifest")).toInt() != 0;
     // Whole seconds from one to a day; anything else keeps the default.
     bool ok = false;
-    const int timeout = settingText(settings.value(QStringLiteral("transfertimeout"))).trimmed().toInt(&ok);
+    const int timeout = settings.value(QStringLiteral("transfertimeout")).toString().trimmed().toInt(&ok);
     if (ok && timeout > 0)
         options.transferTimeout = qMin(timeout, 24 * 3600);
     return options;
 }
 
-DlrOptions DlrParseArguments(const QStringList& args)
+namespace {
+
+// One reading of the command line; the options of the run without a window
+// count only in that run, and are unknown ones otherwise.
+DlrOptions readArguments(const QStringList& args, bool unattended)
 {
     DlrOptions options;
     int i = 0;
@@ -138,6 +143,8 @@ DlrOptions DlrParseArguments(const QStringList& args)
                 // later -manifestserverscheme says otherwise.
                 if (opt.option == &DlrOptions::manifestServer)
                     options.manifestServerScheme = QStringLiteral("http");
+                if (opt.option == &DlrOptions::pass)
+                    options.passArguments << i + 1;
                 options.*opt.option = args.at(i + 1);
                 i += 2;
                 handled = true;
@@ -147,8 +154,9 @@ DlrOptions DlrParseArguments(const QStringList& args)
         if (handled)
             continue;
 
-        if (arg == QLatin1String("-products") && i + 1 < args.size()) {
-            options.products = args.at(i + 1);
+        const bool products = arg == QLatin1String("-products");
+        if (unattended && (products || arg == QLatin1String("-cafile")) && i + 1 < args.size()) {
+            (products ? options.products : options.caFile) = args.at(i + 1);
             i += 2;
             continue;
         }
@@ -156,7 +164,7 @@ DlrOptions DlrParseArguments(const QStringList& args)
             options.debug = true;
         } else if (arg == QLatin1String("-unattended")) {
             options.unattended = true;
-        } else if (arg == QLatin1String("-json")) {
+        } else if (unattended && arg == QLatin1String("-json")) {
             options.json = true;
         } else if (arg == QLatin1String("-dumpManifest")) {
             options.dumpManifest = true;
@@ -169,6 +177,42 @@ DlrOptions DlrParseArguments(const QStringList& args)
         ++i;
     }
     return options;
+}
+
+} // namespace
+
+DlrOptions DlrParseArguments(const QStringList& args)
+{
+    // -unattended may come last: read once to find it, and again without
+    // that run's options when it is not there.
+    const DlrOptions options = readArguments(args, true);
+    if (options.unattended)
+        return options;
+    DlrOptions windowed = readArguments(args, false);
+    windowed.unattended = false; // the first reading took it as -products' value
+    return windowed;
+}
+
+void DlrHidePasswordArguments(int argc, char** argv)
+{
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    for (int at : DlrParseArguments(arguments).passArguments) {
+        for (char* c = argv[at + 1]; *c; ++c)
+            *c = 'x';
+    }
+}
+
+QString DlrApp::ExposedPasswordFile() const
+{
+    if (!settings)
+        return QString();
+    const QString path = settings->fileName();
+    struct stat info {};
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0 || !DlrReadSettingsFile(path).pass)
+        return QString();
+    return (info.st_mode & (S_IRGRP | S_IROTH)) || info.st_uid != ::geteuid() ? path : QString();
 }
 
 void DlrApp::loadSettings()

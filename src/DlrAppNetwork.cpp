@@ -10,6 +10,7 @@
 
 #include <QDebug>
 #include <QFile>
+#include <QFileInfo>
 #include <QHttpMultiPart>
 #include <QMessageBox>
 #include <QNetworkAccessManager>
@@ -17,6 +18,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QSslConfiguration>
 
 namespace {
 
@@ -32,6 +34,16 @@ public:
         return systemProxyForQuery(query);
     }
 };
+
+// The PEM certificates of a regular file; a FIFO or a device named by
+// mistake must not stall the run, nor a huge file fill the memory.
+QList<QSslCertificate> readCertificates(const QString& path)
+{
+    QFile file(path);
+    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly))
+        return {};
+    return QSslCertificate::fromData(file.read(4 << 20), QSsl::Pem);
+}
 
 } // namespace
 
@@ -57,6 +69,26 @@ void DlrApp::finishedReply(QNetworkReply* reply)
         finishedDownload(reply);
 }
 
+bool DlrApp::TrustKnownRootsOnly(QString& why)
+{
+    QList<QSslCertificate> roots = QSslConfiguration::systemCaCertificates();
+    const QDir certs(resourcePath("../Resources", "certs"));
+    for (const QString& name : certs.entryList({QStringLiteral("*.pem")}, QDir::Files))
+        roots += readCertificates(certs.filePath(name));
+    if (!caFile.isEmpty()) {
+        const QList<QSslCertificate> named = readCertificates(caFile);
+        if (named.isEmpty()) {
+            why = QStringLiteral("no certificate could be read from %1 (cafile)").arg(caFile);
+            return false;
+        }
+        roots += named;
+    }
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    tls.setCaCertificates(roots);
+    QSslConfiguration::setDefaultConfiguration(tls);
+    return true;
+}
+
 void DlrApp::manifestSslErrors(QList<QSslError> errors)
 {
     if (manifestReply)
@@ -75,14 +107,15 @@ void DlrApp::sslErrors(QNetworkReply* reply, const QList<QSslError>& errors)
         reply->ignoreSslErrors();
         return;
     }
+    // Nobody to ask, nor to notice a stranger's root: the safe answer is no.
+    // The vendor's own roots were trusted when the run began.
+    if (unattendedRun) {
+        unattendedRun->certificateRefused(errors);
+        return;
+    }
     // Our own servers are signed by a root the system need not know.
     if (errors.size() == 1 && errors.first().error() == QSslError::SelfSignedCertificateInChain) {
         reply->ignoreSslErrors();
-        return;
-    }
-    // Nobody to ask: the safe answer is no.
-    if (unattendedRun) {
-        unattendedRun->certificateRefused(errors);
         return;
     }
 

@@ -20,11 +20,15 @@ struct DlrOptions {
     std::optional<int> transferTimeout; // seconds, 1 to 86400
 
     // The run without a window: -unattended, with the offers -products
-    // names (comma-separated) and events as JSON lines (-json).
+    // names (comma-separated), events as JSON lines (-json), and the
+    // certificate authorities it trusts besides the system's and the
+    // bundle's (-cafile, or the settings key "cafile").
     bool unattended = false;
     std::optional<QString> products;
     bool json = false;
+    std::optional<QString> caFile;
 
+    QList<int> passArguments;   // where each -pass value stands in the list read
     QStringList unknownOptions; // as given, in order, to be reported
     bool usageAsked = false;    // -help, --help or -h; reading stopped there
 };
@@ -32,6 +36,11 @@ struct DlrOptions {
 // The command line, without the program's name. Entries that are no option
 // are skipped without a word.
 DlrOptions DlrParseArguments(const QStringList& arguments);
+
+// Overwrites each -pass value in the process's own argument memory
+// (argv[1] on, as the application object read them): any local user can
+// read a process's command line.
+void DlrHidePasswordArguments(int argc, char** argv);
 
 // The top-level keys of the settings file at `path` (INI, read by
 // DlrReadIniTopLevel); a missing or unreadable file sets nothing.

@@ -61,8 +61,15 @@ void DlrUnattended::Begin()
 void DlrUnattended::run()
 {
     DlrApp* app = dlrApp();
+    for (const QString& unknown : qAsConst(app->unknownOptions))
+        log.Event(QStringLiteral("error"), QString(), QStringLiteral("unknown option ") + unknown);
     if (!app->unknownOptions.isEmpty()) {
-        log.Event(QStringLiteral("error"), QString(), QStringLiteral("unknown option ") + app->unknownOptions.first());
+        end(BadRequest);
+        return;
+    }
+    QString untrusted;
+    if (!app->TrustKnownRootsOnly(untrusted)) {
+        log.Event(QStringLiteral("error"), QString(), untrusted);
         end(BadRequest);
         return;
     }
@@ -71,6 +78,12 @@ void DlrUnattended::run()
         end(BadRequest);
         return;
     }
+    const QString exposed = app->ExposedPasswordFile();
+    if (!exposed.isEmpty())
+        log.Event(QStringLiteral("warning"), QString(),
+                  exposed + QStringLiteral(" holds the password and users other than you can read it; keep it "
+                                           "readable by you alone (mode 0600)"),
+                  {{QStringLiteral("path"), exposed}});
     connect(app, &DlrApp::validManifestReply, this, &DlrUnattended::validManifest);
     connect(app, &DlrApp::invalidManifestReply, this, &DlrUnattended::invalidManifest);
     connect(app, qOverload<int>(&DlrApp::finishedDownload), this, &DlrUnattended::downloadCompleted);

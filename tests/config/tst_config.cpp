@@ -70,7 +70,9 @@ private slots:
         row("-debug option", {}, {"-debug"}, {"logLevel=0"});
         row("command line beats settings file", "user=fromfile\npass=filepass\n", {"-user", "fromargs"},
             {"user=fromargs", "pass=filepass"});
-        row("blanks around a password are kept", {}, {"-user", "alice", "-pass", " s3cret "}, {"pass= s3cret "});
+        // The process list shows no password once read.
+        row("blanks around a password are kept", {}, {"-user", "alice", "-pass", " s3cret ", "-pass", "p"},
+            {"pass=p", "arguments=-user alice -pass xxxxxxxx -pass x"});
         row("-manifestserver then -manifestserverscheme https", {},
             {"-manifestserver", "h.example", "-manifestserverscheme", "https"},
             {"manifestServerScheme=https", "manifestURL=https://h.example/forum/currentproducts.php"});
@@ -83,18 +85,22 @@ private slots:
             "Unknown option -pass\n\n");
         row("value options take the next entry even if it looks like an option", {},
             {"-user", "-help", "-pass", "-debug"}, {"user=-help", "pass=-debug", "logLevel=2"});
+        // Those of the run without a window are unknown without -unattended.
         row("unknown options reported, stray entries skipped silently", {},
-            {"stray", "", "-bogus", "-USER", "x", "-manifest", "m.xml", "-appendmanifest", "a.xml", "-manifesturl",
-             "p.php"},
+            {"stray", "", "-bogus", "-USER", "x", "-products", "p", "-json", "-cafile", "c", "-manifest", "m.xml",
+             "-appendmanifest", "a.xml", "-manifesturl", "p.php"},
             {"user=", "alternateManifestFile=m.xml", "appendManifestFile=a.xml", "manifestUrl=p.php"},
-            "Unknown option -bogus\n\nUnknown option -USER\n\n");
+            "Unknown option -bogus\n\nUnknown option -USER\n\nUnknown option -products\n\nUnknown option -json\n\n"
+            "Unknown option -cafile\n\n");
+        // An unquoted comma makes a list, which QSettings gives as no text.
         row("wrong-typed values read as text, quietly",
-            "user=@ByteArray(raw)\npass=a,b\ndumpManifest=@Variant(\\0\\0\\0\\x7f)\n", {},
-            {"user=raw", "pass=a,b", "dumpManifest=false"});
+            "user=@ByteArray(raw)\npass=a, b\nmanifesturl=a,\"b,c\"\nmanifest=\"a, b\"\n"
+            "dumpManifest=@Variant(\\0\\0\\0\\x7f)\n",
+            {}, {"user=raw", "pass=", "manifestUrl=", "alternateManifestFile=a, b", "dumpManifest=false"});
         row("INI comments, quotes, escapes, continued lines and sections",
             "; user=commented\nuser = \"a ; b\" ; trailing\npass=\\x41\\102 \\\n c\n[Other]\nmanifest=no.xml\n"
-            "[general]\nmanifesturl=one, two\n",
-            {}, {"user=a ; b", "pass=AB  c", "alternateManifestFile=", "manifestUrl=one,two"});
+            "[general]\nmanifesturl=one\n",
+            {}, {"user=a ; b", "pass=AB  c", "alternateManifestFile=", "manifestUrl=one"});
         row("a byte-order mark stays in the first key", "\xef\xbb\xbfuser=hidden\npass=p\n", {}, {"user=", "pass=p"});
         // Decoding would build whatever type the bytes name (a polygon here,
         // whose reader brought the program down).

@@ -27,6 +27,7 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QRandomGenerator>
+#include <QScopeGuard>
 
 #include <csignal>
 
@@ -134,8 +135,8 @@ class TestFaults : public QObject
     QString downloads;
     QString catalog; // the demo catalog as built
     QStringList table;
-    VendorServer server;        // the catalog over TLS with its own root, as the demo serves it
-    VendorServer unknownIssuer; // a certificate the user would be asked about
+    VendorServer server;   // the catalog over TLS with the bundle's root, as the demo serves it
+    VendorServer stranger; // a man in the middle, with a root of his own in the chain
     HelperProcess helper;
     UrlCatcher browser;
     QScopedPointer<DlrMainWindow> window;
@@ -147,7 +148,7 @@ class TestFaults : public QObject
         for (const auto& replacement : replacements)
             xml.replace(replacement.first.toUtf8(), replacement.second.toUtf8());
         server.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
-        unknownIssuer.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
+        stranger.writeCatalogFile(QStringLiteral("manifest.xml"), xml);
     }
 
     void waitForFinishedPage()
@@ -228,11 +229,13 @@ private slots:
                                        {QStringLiteral("--sign-key"), QStringLiteral(VLUM_DEMO_KEY), catalog}, work.path());
         QVERIFY2(made.exitCode == 0, made.err.constData());
         const QDir packages(catalog + QStringLiteral("/packages"));
-        for (const QString& name : packages.entryList(QDir::Files))
-            QVERIFY(QFile::copy(packages.filePath(name), server.catalogPath(QStringLiteral("packages/") + name)));
+        for (const QString& name : packages.entryList(QDir::Files)) {
+            for (const VendorServer* to : {&server, &stranger})
+                QVERIFY(QFile::copy(packages.filePath(name), to->catalogPath(QStringLiteral("packages/") + name)));
+        }
         server.writePackage(QStringLiteral("corrupt.pkg"), 5000); // the right name, not an archive
-        QVERIFY(server.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
-        QVERIFY(unknownIssuer.start({QStringLiteral("--tls"), QStringLiteral("ca")}));
+        QVERIFY(server.start({"--tls", "chain", "--ca-cert", VLUM_DEMO_CA, "--ca-key", VLUM_DEMO_CA_KEY}));
+        QVERIFY(stranger.start({QStringLiteral("--tls"), QStringLiteral("chain")}));
         QVERIFY(startHelper());
         qputenv("VLUM_HELPER_SOCKET", QFile::encodeName(helper.SocketPath()));
         QDesktopServices::setUrlHandler(QStringLiteral("https"), &browser, "open");
@@ -435,73 +438,86 @@ private slots:
     void unattended_data()
     {
         QTest::addColumn<QStringList>("options");
-        QTest::addColumn<Replacements>("manifest");
-        QTest::addColumn<bool>("trustedServer");
-        QTest::addColumn<QString>("helperKeys"); // the helper trusts the demo key, "no key", or "none" answers
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QStringList>("folders");
         QTest::addColumn<QString>("line");
+        QTest::addColumn<Replacements>("manifest");
+        QTest::addColumn<bool>("fromStranger");
+        QTest::addColumn<QString>("helperKeys"); // the helper trusts the demo key, "no key", or "none" answers
+        QTest::addColumn<QByteArray>("settings"); // a settings file in the home folder, readable by all
+        const auto row = [](const char* tag, const QStringList& options, int exitCode, const QStringList& folders,
+                            const QString& line, const Replacements& manifest = {}, bool fromStranger = false,
+                            const QString& helperKeys = QStringLiteral("demo key"), const QByteArray& settings = {}) {
+            QTest::newRow(tag) << options << exitCode << folders << line << manifest << fromStranger << helperKeys
+                               << settings;
+        };
 
         const QStringList all{kCoreFolder, kScenesFolder, kBridgeFolder};
-        const QString demoKey = QStringLiteral("demo key");
         const QStringList pass{QStringLiteral("-pass"), QStringLiteral("velluma")};
-        QTest::newRow("clean machine: the rules' three offers") << pass << Replacements{} << true << demoKey << 0 << all
-            << "^summary: 3 chosen, 3 installed \\(0 unverified\\), 0 downloaded only, 0 downloads failed, 0 not "
-               "installed; exit status 0$";
+        row("clean machine: the rules' three offers", pass, 0, all,
+            "^summary: 3 chosen, 3 installed \\(0 unverified\\), 0 downloaded only, 0 downloads failed, 0 not "
+            "installed; exit status 0$");
         // Each warning of the installer is an event; the summary counts what no signature vouches for.
-        QTest::newRow("no trusted key: installed unverified, and said so")
-            << pass << Replacements{} << true << "no key" << 0 << all
-            << "^warning: Velluma CoreServer 22.0: Packages are not verified: no trusted key is installed in .*$[\\s\\S]*"
-               "^install: Velluma CoreServer 22.0: installed, unverified$[\\s\\S]*"
-               "^summary: 3 chosen, 3 installed \\(3 unverified\\),";
-        QTest::newRow("no helper: where it was looked for, and what sets it up")
-            << pass << Replacements{} << true << "none" << 4 << QStringList{}
-            << "^install: Velluma CoreServer 22.0: failed: could not start the installer through the helper: nothing "
-               "answers on the helper's socket /\\S+/helper\\.sock; as root, /\\S+/libexec/install-helper sets the "
-               "helper up as a system service$";
-        QTest::newRow("-products by listed name and by package name, a hidden offer included")
-            << pass + QStringList{"-products", "Velluma Sample Scenes,VellumaForMaya-22.0-maya2018_1234.pkg"}
-            << Replacements{} << true << demoKey << 0 << QStringList{kScenesFolder, kBridgeFolder} << "^summary: 2 chosen, 2 installed";
-        QTest::newRow("unknown product name") << pass + QStringList{"-products", "Velluma Sample Scenes,Nope"}
-                                              << Replacements{} << true << demoKey << 5 << QStringList{}
-                                              << "^error: no such product on offer: Nope$";
-        QTest::newRow("unknown option") << pass + QStringList{"-bogus"} << Replacements{} << true << demoKey << 5 << QStringList{}
-                                        << "^error: unknown option -bogus$";
-        QTest::newRow("refused login") << QStringList{"-pass", "wrong"} << Replacements{} << true << demoKey << 1 << QStringList{}
-                                       << "^error: Could not get a product list from Oktavo: Wrong password$";
-        QTest::newRow("certificate refused, not asked")
-            << pass << Replacements{} << false << demoKey << 1 << QStringList{}
-            << "^tls: refused the server.s certificate: .";
-        QTest::newRow("corrupt package: the others still installed")
-            << pass << kCorrupt << true << demoKey << 4 << QStringList{kCoreFolder, kBridgeFolder}
-            << "^install: Velluma Sample Scenes: failed: .";
-        QTest::newRow("download that never succeeds: 3 retries, then skipped")
-            << pass << faulty(kBridge, "status=404") << true << demoKey << 3 << QStringList{kCoreFolder, kScenesFolder}
-            << "^download: Velluma for Maya 2018: failed: .*skipped after 3 retries$";
-        QTest::newRow("slow download: a progress line a second")
-            << pass << faulty(kScenes, "throttle=2000000") << true << demoKey << 0 << all
-            << "^download: Velluma Sample Scenes: [0-9.]+MB of [0-9.]+MB \\([0-9]+%\\)$";
-        QTest::newRow("not enough free space")
-            << pass << Replacements{{"@SIZE:" + kScenes + "@", "4611686018427387904"}} << true << demoKey << 2 << QStringList{}
-            << "^error: You do not have enough free disk space to download the selected products\\. Needed ";
+        row("no trusted key: installed unverified, and said so", pass, 0, all,
+            "^warning: Velluma CoreServer 22.0: Packages are not verified: no trusted key is installed in .*$[\\s\\S]*"
+            "^install: Velluma CoreServer 22.0: installed, unverified$[\\s\\S]*"
+            "^summary: 3 chosen, 3 installed \\(3 unverified\\),",
+            {}, false, "no key");
+        row("no helper: where it was looked for, and what sets it up", pass, 4, {},
+            "^install: Velluma CoreServer 22.0: failed: could not start the installer through the helper: nothing "
+            "answers on the helper's socket /\\S+/helper\\.sock; as root, /\\S+/libexec/install-helper sets the "
+            "helper up as a system service$",
+            {}, false, "none");
+        row("-products by listed name and by package name, a hidden offer included",
+            pass + QStringList{"-products", "Velluma Sample Scenes,VellumaForMaya-22.0-maya2018_1234.pkg"}, 0,
+            {kScenesFolder, kBridgeFolder}, "^summary: 2 chosen, 2 installed");
+        row("unknown product name", pass + QStringList{"-products", "Velluma Sample Scenes,Nope"}, 5, {},
+            "^error: no such product on offer: Nope$");
+        row("unknown options, each named", pass + QStringList{"-bogus", "-Products"}, 5, {},
+            "^error: unknown option -bogus$\\n^error: unknown option -Products$");
+        row("refused login", {"-pass", "wrong"}, 1, {}, "^error: Could not get a product list from Oktavo: Wrong password$");
+        // Where the wizard accepts a lone root in the chain, nobody would see a stranger's.
+        row("a stranger's root: refused, not asked", pass, 1, {}, "^tls: refused the server.s certificate: .", {}, true);
+        row("-cafile: a root the administrator names is trusted", pass + QStringList{"-cafile", stranger.caPath}, 0,
+            all, "^summary: 3 chosen, 3 installed", {}, true);
+        row("corrupt package: the others still installed", pass, 4, {kCoreFolder, kBridgeFolder},
+            "^install: Velluma Sample Scenes: failed: .", kCorrupt);
+        row("download that never succeeds: 3 retries, then skipped", pass, 3, {kCoreFolder, kScenesFolder},
+            "^download: Velluma for Maya 2018: failed: .*skipped after 3 retries$", faulty(kBridge, "status=404"));
+        row("slow download: a progress line a second", pass, 0, all,
+            "^download: Velluma Sample Scenes: [0-9.]+MB of [0-9.]+MB \\([0-9]+%\\)$", faulty(kScenes, "throttle=2000000"));
+        row("not enough free space", pass, 2, {},
+            "^error: You do not have enough free disk space to download the selected products\\. Needed ",
+            {{"@SIZE:" + kScenes + "@", "4611686018427387904"}});
+        row("settings file: its root trusted, its password readable by others warned",
+            {"-products", "Velluma Sample Scenes"}, 0, {kScenesFolder},
+            "^warning: /\\S+/vluminstaller\\.ini holds the password and users other than you can read it;", {}, true,
+            "demo key", "pass=velluma\ncafile=" + stranger.caPath.toUtf8() + '\n');
     }
 
     void unattended()
     {
         QFETCH(QStringList, options);
-        QFETCH(Replacements, manifest);
-        QFETCH(bool, trustedServer);
-        QFETCH(QString, helperKeys);
         QFETCH(int, exitCode);
         QFETCH(QStringList, folders);
         QFETCH(QString, line);
+        QFETCH(Replacements, manifest);
+        QFETCH(bool, fromStranger);
+        QFETCH(QString, helperKeys);
+        QFETCH(QByteArray, settings);
         serve(manifest);
+        const QString settingsFile = QDir::home().filePath(QStringLiteral("vluminstaller.ini"));
+        const auto noSettings = qScopeGuard([&] { QFile::remove(settingsFile); });
+        if (!settings.isEmpty())
+            QVERIFY(writeFile(settingsFile, settings)
+                    && QFile::setPermissions(settingsFile, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup
+                                                               | QFile::ReadOther));
         const bool otherHelper = helperKeys != QLatin1String("demo key");
         if (otherHelper)
             QVERIFY(helper.Stop(SIGTERM));
         if (helperKeys == QLatin1String("no key"))
             QVERIFY(QDir(work.path()).mkpath("no-keys") && startHelper(work.filePath("no-keys")));
-        const ChildRun run = runUnattended(trustedServer ? server : unknownIssuer, options);
+        const ChildRun run = runUnattended(fromStranger ? stranger : server, options);
         if (otherHelper) {
             helper.Stop(SIGTERM);
             QVERIFY(startHelper());

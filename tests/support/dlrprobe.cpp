@@ -2,7 +2,8 @@
 // application object from its own arguments (so option parsing, the settings
 // lookup and the environment are exercised for real), then:
 //  - prints the configuration it ended with, one "key=value" line each,
-//    after a "--- config" marker on standard output;
+//    and its command line as the process list shows it, after a
+//    "--- config" marker on standard output;
 //  - with DLRPROBE_LOG set, starts logging and sends one message of each
 //    kind, and one more debug message after the application object is gone.
 // The mode comes from the environment because the arguments belong to the
@@ -13,9 +14,24 @@
 #include "DlrLog.h"
 
 #include <QDebug>
+#include <QFile>
 #include <QSettings>
 
 #include <cstdio>
+
+namespace {
+
+// The process's command line after the program, as any user reads it.
+QString arguments()
+{
+    QFile cmdline(QStringLiteral("/proc/self/cmdline"));
+    if (!cmdline.open(QIODevice::ReadOnly))
+        return QStringLiteral("unreadable");
+    const QByteArray all = cmdline.readAll();
+    return QString::fromLocal8Bit(all.mid(all.indexOf('\0') + 1).replace('\0', ' ')).trimmed();
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -35,6 +51,7 @@ int main(int argc, char** argv)
             {"settingsFile", app.settings ? app.settings->fileName() : QString()},
             {"manifestURL", app.GetURL(ManifestLocation).toString()},
             {"successURL", app.successURL.toString()},
+            {"arguments", arguments()},
         };
         std::printf("%s", kConfigMarker);
         for (const auto& value : values)
