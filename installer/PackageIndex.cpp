@@ -124,6 +124,9 @@ PackageIndex PackageIndex::parse(std::vector<char> bytes)
 
         checkPath(row.path, "entry name");
         const std::string shown(row.path);
+        // No archive name or link holds one; the system would cut there.
+        if (row.path.find('\0') != std::string_view::npos || row.link.find('\0') != std::string_view::npos)
+            malformed("a NUL byte in the entry " + shown);
         if (row.type == EntryType::Other)
             throw Refused("unsupported entry type: " + shown);
         if (row.mode > 07777)
