@@ -6,6 +6,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 // Keys of the machine-property table.
 enum DlrAttrNames {
     DlrAttrMemory = 0,              // physical memory in whole gigabytes, as text
@@ -26,8 +28,11 @@ class DlrMachineAssay
 public:
     static DlrMachineAssay* Singleton();
 
-    // Runs the system profiler and walks the product folders. Blocks the
-    // calling thread; every call starts from empty tables.
+    // Runs the system profiler and walks the product folders, asking the
+    // version probes all at once. Returns only when every probe has ended,
+    // about a second at most for a hundred silent ones; meanwhile only
+    // events other than user input are handled. Every call starts from
+    // empty tables.
     void DoAssay();
 
     bool FindMachineProperty(DlrAttrNames name, QString& value) const;
@@ -78,6 +83,9 @@ private:
     QString mayaPluginPath;
     QString homeQueuePath;
     QString buildIdFilePath;
+    // What the survey's probes wrote, taken by getBuildIdFromExecutable;
+    // empty for a probe that did not answer in its time.
+    QHash<QString, std::optional<QByteArray>> probeAnswers;
 
     static DlrMachineAssay* s_assay;
 };

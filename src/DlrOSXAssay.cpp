@@ -9,18 +9,30 @@
 #include "kelProfileHandler.h"
 
 #include <QDebug>
+#include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegExp>
 #include <QTextCodec>
 #include <QTextDecoder>
+#include <QTimer>
 #include <QXmlSimpleReader>
+
+#include <algorithm>
+#include <optional>
+
+#include <signal.h>
+#include <unistd.h>
 
 namespace {
 
 // A product executable gets this long to print its banner.
 constexpr int kProbeWaitMs = 1000;
+
+// Probes running at once: 200 silent folders end in two rounds, and the
+// probes' pipes stay far below the usual limit of 1024 open files.
+constexpr int kProbesAtOnce = 100;
 
 // The profiler prints its whole document once it has gathered the facts;
 // silence this long means it is stuck, and the survey goes on without it.
@@ -71,6 +83,112 @@ private:
     const kelProfileHandler& handler;
     std::unique_ptr<QTextDecoder> decoder;
     bool started = false;
+};
+
+// A version probe in a process group of its own, so that a probe past its
+// time goes together with whatever it started (a renderer waiting on a
+// licence server through a helper, say).
+class DlrProbeProcess : public QProcess
+{
+public:
+    using QProcess::QProcess;
+
+    // Runs from the probe's start; a probe that ends while it runs answered.
+    QTimer clock;
+
+    void Stop()
+    {
+        clock.stop();
+        if (state() == QProcess::NotRunning)
+            return;
+        // 0 would be the survey's own group.
+        if (processId() > 0)
+            ::kill(-pid_t(processId()), SIGKILL);
+        kill();
+    }
+
+protected:
+    void setupChildProcess() override { ::setpgid(0, 0); }
+};
+
+// The version probes of one survey, side by side: at most kProbesAtOnce at
+// a time, each allowed kProbeWaitMs from its own start. The window keeps
+// painting meanwhile (user input waits), and Run() returns only once every
+// probe has ended, been killed and been reaped.
+class DlrProbeRun : public QObject
+{
+public:
+    explicit DlrProbeRun(const QStringList& programs)
+        : programs(programs)
+    {
+    }
+
+    // What each probe that answered in its time wrote to standard error.
+    QHash<QString, std::optional<QByteArray>> Run()
+    {
+        startMore();
+        if (running > 0)
+            loop.exec(QEventLoop::ExcludeUserInputEvents);
+        // Only an application that is quitting ends the loop early: start
+        // nothing more, and end what still runs.
+        next = programs.size();
+        for (DlrProbeProcess* probe : qAsConst(probes)) {
+            probe->Stop();
+            probe->waitForFinished(-1);
+        }
+        return answers;
+    }
+
+private:
+    void startMore()
+    {
+        // A probe that cannot start ends inside start(), in this loop.
+        if (starting)
+            return;
+        starting = true;
+        while (running < kProbesAtOnce && next < programs.size())
+            start(programs.at(next++));
+        starting = false;
+        if (running == 0)
+            loop.quit();
+    }
+
+    void start(const QString& program)
+    {
+        auto* probe = new DlrProbeProcess(this);
+        probes << probe;
+        answers.insert(program, std::nullopt);
+        ++running;
+        const auto ended = [this, probe] {
+            probe->clock.stop();
+            --running;
+            startMore();
+        };
+        probe->clock.setSingleShot(true);
+        connect(&probe->clock, &QTimer::timeout, probe, &DlrProbeProcess::Stop);
+        connect(probe, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this, [=] {
+            if (probe->clock.isActive())
+                answers.insert(program, probe->readAllStandardError());
+            ended();
+        });
+        connect(probe, &QProcess::errorOccurred, this, [=](QProcess::ProcessError error) {
+            if (error == QProcess::FailedToStart)
+                ended();
+        });
+        // The banner is on standard error; whatever goes to standard output
+        // is not wanted and must not pile up in memory.
+        probe->setStandardOutputFile(QProcess::nullDevice());
+        probe->clock.start(kProbeWaitMs);
+        probe->start(program, {QStringLiteral("-version")}, QIODevice::ReadWrite);
+    }
+
+    const QStringList programs;
+    QList<DlrProbeProcess*> probes; // children of this run
+    QHash<QString, std::optional<QByteArray>> answers;
+    QEventLoop loop;
+    int next = 0;
+    int running = 0;
+    bool starting = false;
 };
 
 // Text a tool wrote, up to the first NUL byte.
@@ -263,19 +381,45 @@ void DlrMachineAssay::DoAssay()
 
 void DlrMachineAssay::findOktavoProducts()
 {
-    const QRegExp serverRx(QStringLiteral("[Vv]elluma.*[sS]erver|VCS"), Qt::CaseSensitive, QRegExp::RegExp);
-    const QRegExp workshopRx(QStringLiteral("[Vv]elluma.*[wW]orkshop|VWS"), Qt::CaseSensitive, QRegExp::RegExp);
-    const QRegExp forMayaRx(QStringLiteral("[Vv]elluma.*[fF]or[Mm]aya|VFM"), Qt::CaseSensitive, QRegExp::RegExp);
-    QRegExp mayaRx(QStringLiteral("(201[1-9]\\.?[0-9]?)"), Qt::CaseSensitive, QRegExp::RegExp);
-    QRegExp noIdRx(QStringLiteral("VellumaForMaya-21.([0-2])"), Qt::CaseSensitive, QRegExp::RegExp);
+    // The families, tested in this order on a folder's name: the first whose
+    // pattern is found decides. The families built for Maya need the plug-in
+    // bundle and a Maya year in the name; a build-id file, where there is
+    // one, is read before the probe is asked.
+    struct Family {
+        QRegExp pattern;
+        QString idFile;
+        QString probe;
+        QLatin1String nameFormat; // %1 the version, %2 the Maya version
+        const char* notForMaya;   // null: not built for Maya
+        const char* noMayaYear;
+    };
+    const Family families[] = {
+        {QRegExp(QStringLiteral("[Vv]elluma.*[sS]erver|VCS")), QString(), vlrenderPath,
+         QLatin1String("Velluma CoreServer %1"), nullptr, nullptr},
+        // "verion" (here and below) is how the log has always read: log
+        // readers match it, and the package's lintian overrides answer for it.
+        {QRegExp(QStringLiteral("[Vv]elluma.*[wW]orkshop|VWS")), QString(), vwsVlrenderPath,
+         QLatin1String("Velluma Workshop %1 for Maya %2"), "Not VWS for Maya, no", "No maya verion in VWS path"},
+        {QRegExp(QStringLiteral("[Vv]elluma.*[fF]or[Mm]aya|VFM")), buildIdFilePath, homeQueuePath,
+         QLatin1String("Velluma %1 for Maya %2"), "Not Velluma for Maya, no", "No maya verion in VFM path"},
+    };
+    const QRegExp mayaRx(QStringLiteral("(201[1-9]\\.?[0-9]?)"), Qt::CaseSensitive, QRegExp::RegExp);
+    const QRegExp noIdRx(QStringLiteral("VellumaForMaya-21.([0-2])"), Qt::CaseSensitive, QRegExp::RegExp);
     const QString separator = QDir::separator();
 
-    // Filled by whichever reader succeeded last; only read after a success.
-    int buildId = 0;
-    int major = 0;
-    int minor = 0;
-    QString suffix;
-    QList<AssayedProduct> noIdProducts;
+    // A folder that passed its family's tests, and its numbers once a
+    // reader has succeeded.
+    struct Candidate {
+        const Family* family;
+        QString folder;
+        QString mayaVersion;
+        bool fromFile = false;
+        int buildId = 0;
+        int major = 0;
+        int minor = 0;
+    };
+    std::vector<Candidate> candidates;
+    QStringList probes;
 
     for (const QString& location : qAsConst(possibleLocations)) {
         qDebug().noquote() << "Looking for oktavo products in" << location;
@@ -284,87 +428,80 @@ void DlrMachineAssay::findOktavoProducts()
             continue;
         const QStringList entries = root.entryList(QDir::Dirs, QDir::NoSort);
         for (const QString& entry : entries) {
-            const QString folder = root.absolutePath() + separator + entry;
-            AssayedProduct product;
-            QString productName;
-            QString version;
-
-            if (serverRx.indexIn(entry) >= 0) {
-                qDebug().noquote() << entry << "matched" << serverRx.pattern();
-                if (getBuildIdFromExecutable(folder + separator + vlrenderPath, buildId, major, minor, suffix))
-                    continue;
-                version = QStringLiteral("%1.%2").arg(major).arg(minor);
-                productName = QStringLiteral("Velluma CoreServer %1").arg(version);
-            } else if (workshopRx.indexIn(entry) >= 0) {
-                qDebug().noquote() << entry << "matched" << workshopRx.pattern();
-                const QString plugin = folder + separator + mayaPluginPath;
-                const QString renderer = folder + separator + vwsVlrenderPath;
-                if (!QFileInfo::exists(plugin)) {
-                    qDebug().noquote() << "Not VWS for Maya, no" << plugin;
-                    continue;
-                }
-                // "verion" (here and below) is how the log has always read: log
-                // readers match it, and the package's lintian overrides answer for it.
-                if (mayaRx.indexIn(entry) < 0) {
-                    qDebug().noquote() << "No maya verion in VWS path" << renderer;
-                    continue;
-                }
-                const QString mayaVersion = mayaRx.cap(1);
-                if (getBuildIdFromExecutable(renderer, buildId, major, minor, suffix))
-                    continue;
-                version = QStringLiteral("%1.%2").arg(major).arg(minor);
-                productName = QStringLiteral("Velluma Workshop %1 for Maya %2").arg(version, mayaVersion);
-                product.insert(QStringLiteral("MayaVersion"), mayaVersion);
-            } else if (forMayaRx.indexIn(entry) >= 0) {
-                qDebug().noquote() << entry << "matched" << forMayaRx.pattern();
-                const QString plugin = folder + separator + mayaPluginPath;
-                const QString idFile = folder + separator + buildIdFilePath;
-                if (!QFileInfo::exists(plugin)) {
-                    qDebug().noquote() << "Not Velluma for Maya, no" << plugin;
-                    continue;
-                }
-                if (mayaRx.indexIn(entry) < 0) {
-                    qDebug().noquote() << "No maya verion in VFM path" << idFile;
-                    continue;
-                }
-                const QString mayaVersion = mayaRx.cap(1);
-                // The file is cheap to read; the queue application is only
-                // started when the file says nothing.
-                if (getBuildIdFromFile(idFile, buildId, major, minor)
-                    && getBuildIdFromExecutable(folder + separator + homeQueuePath, buildId, major, minor, suffix)) {
-                    // 21.0 to 21.2 shipped without a build id: they take the
-                    // build of the core server of their version, if any.
-                    if (noIdRx.indexIn(idFile) >= 0) {
-                        qDebug().noquote() << "Found 21.0 or 21.1 VfM with no id in" << idFile;
-                        const QString noIdVersion = QStringLiteral("21.%1").arg(noIdRx.cap(1));
-                        AssayedProduct noId;
-                        noId.insert(QStringLiteral("MayaVersion"), mayaVersion);
-                        noId.insert(QStringLiteral("ProductName"),
-                                    QStringLiteral("Velluma %1 for Maya %2").arg(noIdVersion, mayaVersion));
-                        noId.insert(QStringLiteral("Version"), noIdVersion);
-                        noId.insert(QStringLiteral("Location"), folder);
-                        noIdProducts << noId;
-                    }
-                    continue;
-                }
-                version = QStringLiteral("%1.%2").arg(major).arg(minor);
-                productName = QStringLiteral("Velluma %1 for Maya %2").arg(version, mayaVersion);
-                product.insert(QStringLiteral("MayaVersion"), mayaVersion);
-            } else {
+            const auto family = std::find_if(std::begin(families), std::end(families),
+                                             [&entry](const auto& f) { return f.pattern.indexIn(entry) >= 0; });
+            if (family == std::end(families))
                 continue;
+            qDebug().noquote() << entry << "matched" << family->pattern.pattern();
+            Candidate found{family, root.absolutePath() + separator + entry, QString()};
+            const QString firstSource = found.folder + separator + (family->idFile.isEmpty() ? family->probe : family->idFile);
+            if (family->notForMaya) {
+                const QString plugin = found.folder + separator + mayaPluginPath;
+                if (!QFileInfo::exists(plugin)) {
+                    qDebug().noquote() << family->notForMaya << plugin;
+                    continue;
+                }
+                if (mayaRx.indexIn(entry) < 0) {
+                    qDebug().noquote() << family->noMayaYear << firstSource;
+                    continue;
+                }
+                found.mayaVersion = mayaRx.cap(1);
             }
-
-            // Nothing older than the 19 series is offered updates.
-            if (major <= 18)
-                continue;
-            product.insert(QStringLiteral("ProductName"), productName);
-            product.insert(QStringLiteral("BuildId"), QString::number(buildId));
-            product.insert(QStringLiteral("Version"), version);
-            product.insert(QStringLiteral("Location"), folder);
-            qDebug() << "Found" << product;
-            products << product;
+            // The file is cheap to read; the probe is only asked when the
+            // file says nothing.
+            found.fromFile = !family->idFile.isEmpty()
+                && !getBuildIdFromFile(firstSource, found.buildId, found.major, found.minor);
+            const QString probe = found.folder + separator + family->probe;
+            if (!found.fromFile && QFileInfo::exists(probe))
+                probes << probe;
+            candidates.push_back(found);
         }
     }
+
+    // All probes at once: a folder of silent probes costs about a second,
+    // not a second each.
+    probeAnswers = DlrProbeRun(probes).Run();
+
+    QString suffix;
+    QList<AssayedProduct> noIdProducts;
+    for (Candidate& found : candidates) {
+        const Family& family = *found.family;
+        if (!found.fromFile
+            && getBuildIdFromExecutable(found.folder + separator + family.probe, found.buildId, found.major,
+                                        found.minor, suffix)) {
+            // 21.0 to 21.2 shipped without a build id: they take the build
+            // of the core server of their version, if any.
+            const QString idFile = found.folder + separator + family.idFile;
+            if (!family.idFile.isEmpty() && noIdRx.indexIn(idFile) >= 0) {
+                qDebug().noquote() << "Found 21.0 or 21.1 VfM with no id in" << idFile;
+                const QString noIdVersion = QStringLiteral("21.%1").arg(noIdRx.cap(1));
+                AssayedProduct noId;
+                noId.insert(QStringLiteral("MayaVersion"), found.mayaVersion);
+                noId.insert(QStringLiteral("ProductName"), QString(family.nameFormat).arg(noIdVersion, found.mayaVersion));
+                noId.insert(QStringLiteral("Version"), noIdVersion);
+                noId.insert(QStringLiteral("Location"), found.folder);
+                noIdProducts << noId;
+            }
+            continue;
+        }
+        // Nothing older than the 19 series is offered updates.
+        if (found.major <= 18)
+            continue;
+        const QString version = QStringLiteral("%1.%2").arg(found.major).arg(found.minor);
+        AssayedProduct product;
+        QString name = QString(family.nameFormat).arg(version);
+        if (family.notForMaya) {
+            name = name.arg(found.mayaVersion);
+            product.insert(QStringLiteral("MayaVersion"), found.mayaVersion);
+        }
+        product.insert(QStringLiteral("ProductName"), name);
+        product.insert(QStringLiteral("BuildId"), QString::number(found.buildId));
+        product.insert(QStringLiteral("Version"), version);
+        product.insert(QStringLiteral("Location"), found.folder);
+        qDebug() << "Found" << product;
+        products << product;
+    }
+    probeAnswers.clear();
 
     // Core servers from every location are known now.
     for (AssayedProduct& noId : noIdProducts) {
@@ -408,21 +545,17 @@ bool DlrMachineAssay::getBuildIdFromExecutable(const QString& path, int& buildId
     }
     qDebug().noquote() << "getting version info from" << path;
 
-    QProcess probe;
-    // The banner is on standard error; whatever goes to standard output is
-    // not wanted and must not pile up in memory.
-    probe.setStandardOutputFile(QProcess::nullDevice());
-    probe.start(path, {QStringLiteral("-version")}, QIODevice::ReadWrite);
-    if (!probe.waitForFinished(kProbeWaitMs)) {
+    // The survey has asked all its probes at once before reading them;
+    // any other probe is asked now.
+    if (!probeAnswers.contains(path))
+        probeAnswers.insert(DlrProbeRun({path}).Run());
+    const std::optional<QByteArray> banner = probeAnswers.take(path);
+    if (!banner) {
         qDebug().noquote() << "Wait failed on process" << path;
-        if (probe.state() != QProcess::NotRunning) {
-            probe.kill();
-            probe.waitForFinished();
-        }
         return true;
     }
-    return readBuildAndVersion(textUpToNul(probe.readAllStandardError()), QStringLiteral("linked.*@([0-9]+)"),
-                               buildId, major, minor, &suffix);
+    return readBuildAndVersion(textUpToNul(*banner), QStringLiteral("linked.*@([0-9]+)"), buildId, major, minor,
+                               &suffix);
 }
 
 qint64 DlrMachineAssay::GetAvailableDisk(const QDir& folder)

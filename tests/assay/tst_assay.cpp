@@ -33,6 +33,18 @@ const QString kQueue = QStringLiteral("bin/HomeQueue.app/Contents/MacOS/HomeQueu
 const QString kIdFile = QStringLiteral("etc/buildid.txt");
 const QString kFixture = QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/system_profiler.xml");
 
+// A process still running, or ended and not reaped by this one (an orphan
+// killed with its probe is init's to reap).
+bool lingers(const QByteArray& pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(QLatin1String(pid)));
+    if (!stat.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray text = stat.readAll();
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    return fields.value(0) != "Z" || fields.value(1).toLongLong() == QCoreApplication::applicationPid();
+}
+
 // A profiler printing this property-list body.
 QByteArray printing(const char* body)
 {
@@ -183,9 +195,20 @@ private slots:
             t.script("VCS-stdout/" + kServer, "echo 'Velluma 21.7 linked @5'");
             t.script("VCS-hangs/" + kServer, "exec sleep 30");
             t.script("VCS-crashes/" + kServer, "kill -SEGV $$");
+            t.file("VCS-not-executable/" + kServer, "#!/bin/sh\necho 'Velluma 21.7 linked @5' >&2\n");
             t.script("VCS-garbage/" + kServer, "printf '\\377\\0Velluma 21.7 linked @5' >&2");
             t.banner("VCS-long-id/" + kServer, "21.7", "99999999999");
         }) << QStringList();
+        // Each a renderer waiting on a licence server through a helper of its own.
+        QTest::newRow("silent probes all killed") << Build([](ProductTree& t) {
+            for (int i = 0; i < 30; ++i)
+                t.script(QStringLiteral("VCS-silent-%1/").arg(i) + kServer, "echo $$ >\"$0.pid\"; sleep 60 & echo $! >>\"$0.pid\"; wait");
+        }) << QStringList();
+        // Each answers only once all three run: asked one after the other, each would wait out its time.
+        QTest::newRow("probes asked at once") << Build([](ProductTree& t) {
+            for (const char* name : {"VCS-a", "VCS-b", "VCS-c"})
+                t.script(name + ("/" + kServer), "touch \"$0.on\"; until [ $(ls " + t.root.toUtf8() + "/VCS-?/bin/*.on | wc -l) = 3 ]; do sleep 0.01; done; echo 'Velluma 21.7 linked @5' >&2");
+        }) << QStringList{"Velluma CoreServer 21.7|21.7|5||~/VCS-a", "Velluma CoreServer 21.7|21.7|5||~/VCS-b", "Velluma CoreServer 21.7|21.7|5||~/VCS-c"};
         QTest::newRow("21.10 reads as 21.1") << Build([=](ProductTree& t) { t.banner(server, "21.10", "7"); })
                                              << QStringList{"Velluma CoreServer 21.1|21.1|7||~/VellumaCoreServer-21.7"};
         QTest::newRow("18 series never, 19 series") << Build([](ProductTree& t) {
@@ -265,6 +288,14 @@ private slots:
         QCOMPARE(records, expected);
         QDirIterator marks(productRoot, {QStringLiteral("*.ran")}, QDir::Files, QDirIterator::Subdirectories);
         QVERIFY2(!marks.hasNext(), "the queue application ran although the build-id file was readable");
+        // No probe, nor what it started, outlives the survey.
+        QDirIterator pids(productRoot, {QStringLiteral("*.pid")}, QDir::Files, QDirIterator::Subdirectories);
+        while (pids.hasNext()) {
+            QFile file(pids.next());
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            for (const QByteArray& pid : file.readAll().trimmed().split('\n'))
+                QTRY_VERIFY2(!lingers(pid), pid.constData());
+        }
     }
 
     void queries()
