@@ -454,6 +454,8 @@ void DlrDownload::installerReadyStdout()
         break;
     }
     case DlrInstallerLine::Status:
+    case DlrInstallerLine::Success:
+    case DlrInstallerLine::Failure:
         amount->setText(line.text);
         break;
     case DlrInstallerLine::Nothing:

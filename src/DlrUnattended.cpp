@@ -7,6 +7,7 @@
 #include "DlrOSXProcess.h"
 #include "DlrOptions.h"
 #include "DlrPlatform.h"
+#include "InstallerOutput.h"
 
 #include <QJsonArray>
 #include <QNetworkReply>
@@ -335,18 +336,19 @@ void DlrUnattended::installerOutput()
     const DlrInstallerLine line = DlrReadInstallerLine(installer->readAllStandardOutput());
     // The installer's verdict is in its words: the helper cannot tell its
     // exit status.
-    static const QString kError = QStringLiteral("installer: Error - ");
-    static const QString kWarning = QStringLiteral("installer:STATUS:Warning: ");
-    if (line.plain.startsWith(QLatin1String("installer: The install was successful."))) {
+    using namespace InstallerOutput;
+    static const QString kPhaseLine = QLatin1String(kLead) + QLatin1String(kPhase);
+    static const QString kWarningLine = QLatin1String(kLead) + QLatin1String(kStatus) + QLatin1String(kWarning);
+    if (line.kind == DlrInstallerLine::Success) {
         installSucceeded = true;
-    } else if (line.plain.startsWith(kError)) {
-        installerReason = line.plain.mid(kError.size());
-    } else if (line.plain.startsWith(kWarning)) {
-        const QString warning = line.plain.mid(kWarning.size());
+    } else if (line.kind == DlrInstallerLine::Failure) {
+        installerReason = line.reason;
+    } else if (line.plain.startsWith(kWarningLine)) {
+        const QString warning = line.plain.mid(kWarningLine.size());
         installUnverified = installUnverified || warning.startsWith(QLatin1String("Packages are not verified"));
         log.Event(QStringLiteral("warning"), currentName(), warning);
     }
-    else if (line.plain.startsWith(QLatin1String("installer:PHASE:")))
+    else if (line.plain.startsWith(kPhaseLine))
         log.Event(QStringLiteral("install"), currentName(), line.text.trimmed(),
                   {{QStringLiteral("state"), QStringLiteral("phase")}});
 }
