@@ -65,18 +65,18 @@ void DlrUnattended::run()
     for (const QString& unknown : qAsConst(app->unknownOptions))
         log.Event(QStringLiteral("error"), QString(), QStringLiteral("unknown option ") + unknown);
     if (!app->unknownOptions.isEmpty()) {
-        end(BadRequest);
+        end(DlrExitBadRequest);
         return;
     }
     QString untrusted;
     if (!app->TrustKnownRootsOnly(untrusted)) {
         log.Event(QStringLiteral("error"), QString(), untrusted);
-        end(BadRequest);
+        end(DlrExitBadRequest);
         return;
     }
     if (app->productsNamed && app->products.isEmpty()) {
         log.Event(QStringLiteral("error"), QString(), QStringLiteral("-products names no product"));
-        end(BadRequest);
+        end(DlrExitBadRequest);
         return;
     }
     const QString exposed = app->ExposedPasswordFile();
@@ -121,7 +121,7 @@ void DlrUnattended::invalidManifest(const QString& reason)
     if (!network.isEmpty() && network != reason)
         message += QStringLiteral(" (") + network + QLatin1Char(')');
     log.Event(QStringLiteral("error"), QString(), message);
-    end(NoProductList);
+    end(DlrExitNoProductList);
 }
 
 void DlrUnattended::validManifest()
@@ -133,7 +133,7 @@ void DlrUnattended::validManifest()
     QString unknown;
     if (!pickOffers(unknown)) {
         log.Event(QStringLiteral("error"), QString(), QStringLiteral("no such product on offer: ") + unknown);
-        end(BadRequest);
+        end(DlrExitBadRequest);
         return;
     }
     for (int index : qAsConst(picked)) {
@@ -148,7 +148,7 @@ void DlrUnattended::validManifest()
         return;
     }
     if (!enoughSpace()) {
-        end(NoSpace);
+        end(DlrExitNoSpace);
         return;
     }
     app->downloadIndices = picked;
@@ -397,7 +397,9 @@ void DlrUnattended::nextProduct()
 
 void DlrUnattended::summarize()
 {
-    const Outcome outcome = downloadFailures ? DownloadFailed : notInstalled ? InstallFailed : AllInstalled;
+    const DlrExitStatus outcome = downloadFailures ? DlrExitDownloadFailed
+                                : notInstalled   ? DlrExitInstallFailed
+                                                 : DlrExitNormal;
     log.Event(QStringLiteral("summary"), QString(),
               QStringLiteral("%1 chosen, %2 installed (%3 unverified), %4 downloaded only, %5 downloads failed, "
                              "%6 not installed; exit status %7")
@@ -427,7 +429,7 @@ void DlrUnattended::certificateRefused(const QList<QSslError>& errors)
               QStringLiteral("refused the server's certificate: ") + texts.join(QStringLiteral("; ")));
 }
 
-void DlrUnattended::end(Outcome outcome)
+void DlrUnattended::end(DlrExitStatus outcome)
 {
     if (ended)
         return;
