@@ -68,6 +68,9 @@ void DlrUnattended::run()
         end(DlrExitBadRequest);
         return;
     }
+    // Nobody is there to answer a question about a certificate.
+    app->certificatePolicy = DlrCertificatePolicy::Refuse;
+    connect(app, &DlrApp::certificateRefused, this, &DlrUnattended::certificateRefused);
     QString untrusted;
     if (!app->TrustKnownRootsOnly(untrusted)) {
         log.Event(QStringLiteral("error"), QString(), untrusted);

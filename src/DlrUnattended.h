@@ -37,10 +37,9 @@ public:
 
     // Starts the run once the event loop is running.
     void Begin();
-    // The TLS policy met problems a user would be asked about: refused.
-    void certificateRefused(const QList<QSslError>& errors);
 
 private slots:
+    void certificateRefused(const QList<QSslError>& errors);
     void run();
     void validManifest();
     void invalidManifest(const QString& reason);
