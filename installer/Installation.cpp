@@ -153,8 +153,8 @@ void install(const CommandLine& line, const Progress& progress)
     const PackageIndex& index = contents.index;
     if (!contents.signer.empty())
         progress.status("Signature verified with the trusted key " + contents.signer);
-    progress.say("installer: Package name is " + index.identifier + " " + index.version);
-    progress.say("installer: Installing at base path " + folder);
+    progress.note("Package name is " + index.identifier + " " + index.version);
+    progress.note("Installing at base path " + folder);
     progress.percent(5);
     checkSpace(target.get(), folder, index);
     const Mover mover(target.get(), folder);
@@ -173,5 +173,5 @@ void install(const CommandLine& line, const Progress& progress)
     progress.phase(ellipsis("Finishing the Installation"));
     progress.percent(100);
     progress.phase("The software was successfully installed.");
-    progress.say("installer: The install was successful.");
+    progress.succeeded();
 }

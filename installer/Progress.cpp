@@ -1,5 +1,7 @@
 #include "Progress.h"
 
+#include "InstallerOutput.h"
+
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -61,24 +63,39 @@ void Progress::say(std::string_view line) const
 
 void Progress::phase(std::string_view text) const
 {
-    say("installer:PHASE:" + std::string(text));
+    say(std::string(InstallerOutput::kLead) + InstallerOutput::kPhase + std::string(text));
 }
 
 void Progress::status(std::string_view text) const
 {
-    say("installer:STATUS:" + std::string(text));
+    say(std::string(InstallerOutput::kLead) + InstallerOutput::kStatus + std::string(text));
 }
 
 void Progress::warning(std::string_view text) const
 {
-    status("Warning: " + std::string(text));
+    status(InstallerOutput::kWarning + std::string(text));
+}
+
+void Progress::note(std::string_view text) const
+{
+    say(std::string(InstallerOutput::kLead) + InstallerOutput::kNote + std::string(text));
+}
+
+void Progress::succeeded() const
+{
+    say(InstallerOutput::kSuccess);
+}
+
+void Progress::failed(std::string_view why) const
+{
+    say(InstallerOutput::kFailure + std::string(why));
 }
 
 void Progress::percent(double value) const
 {
     char line[64];
-    std::snprintf(line, sizeof line, "installer:%%%.1f", value);
-    say(line);
+    std::snprintf(line, sizeof line, "%.1f", value);
+    say(std::string(InstallerOutput::kLead) + InstallerOutput::kPercent + line);
     if (pace > 0) {
         timespec wait{time_t(pace), long((pace - std::floor(pace)) * 1e9)};
         while (::nanosleep(&wait, &wait) != 0 && errno == EINTR) {

@@ -1,9 +1,9 @@
 #pragma once
 
 // The installer's output: one line per event on standard output, read line
-// by line by the wizard (through the helper). Every line is written
-// through printable(), so a name holding a newline cannot start a line of
-// its own.
+// by line by the wizard (through the helper), in the words of
+// InstallerOutput.h. Every line is written through printable(), so a name
+// holding a newline cannot start a line of its own.
 
 #include <string>
 #include <string_view>
@@ -21,15 +21,21 @@ public:
 
     explicit Progress(double paceSeconds) : pace(paceSeconds) {}
 
-    void say(std::string_view line) const;
     void phase(std::string_view text) const;
     void status(std::string_view text) const;
     // A status line the unattended run reports as a warning of its own.
     void warning(std::string_view text) const;
+    // A fact about the package: its name, the base path.
+    void note(std::string_view text) const;
     // "installer:%<value with one decimal>", then the pause.
     void percent(double value) const;
+    // The last line: the installation is done, or why it is not.
+    void succeeded() const;
+    void failed(std::string_view why) const;
 
 private:
+    void say(std::string_view line) const;
+
     double pace;
 };
 

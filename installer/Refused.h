@@ -1,7 +1,7 @@
 #pragma once
 
-// Why an installation cannot go on. The text is printed after
-// "installer: Error - "; names in it may hold any byte, since the output
+// Why an installation cannot go on. The text is the failure line's reason
+// (InstallerOutput::kFailure); names in it may hold any byte, since the output
 // escapes control characters.
 
 #include <stdexcept>

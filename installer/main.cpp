@@ -12,7 +12,7 @@
 //                        /etc/velluma/trusted-keys
 //   VLUM_INSTALL_ROOT    put in front of the target (tests, the demo)
 //   VLUM_INSTALLER_PACE  seconds to pause after each percentage, at most 5
-// Output: see Progress.h. Exit status 0 on success, 1 on any refusal.
+// Output: see InstallerOutput.h. Exit status 0 on success, 1 on any refusal.
 
 #include "CommandLine.h"
 #include "Installation.h"
@@ -34,9 +34,9 @@ int main(int argc, char** argv)
         install(CommandLine::parse(argc, argv), progress);
         return 0;
     } catch (const Refused& why) {
-        progress.say(std::string("installer: Error - ") + why.what());
+        progress.failed(why.what());
     } catch (const std::bad_alloc&) {
-        progress.say("installer: Error - out of memory");
+        progress.failed("out of memory");
     }
     return 1;
 }

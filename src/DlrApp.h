@@ -20,6 +20,13 @@ class QNetworkAccessManager;
 class QNetworkReply;
 class QSettings;
 
+// What the TLS policy does with certificate problems a user could be asked
+// about: ask (the wizard), or refuse them (nobody is there to answer).
+enum class DlrCertificatePolicy {
+    Ask,
+    Refuse,
+};
+
 // Server endpoints known to GetURL.
 enum DlrLocation {
     ManifestLocation = 1,
@@ -28,7 +35,7 @@ enum DlrLocation {
 // The one application object: owns the configuration, the server and
 // download state and the wizard window. Pages reach it through dlrApp() and
 // read or write its members directly; the server code answers them through
-// the four signals below.
+// the signals below.
 class DlrApp : public QApplication
 {
     Q_OBJECT
@@ -59,7 +66,7 @@ public:
     void loadStylesheet(const char* name);
 
     // Server communication. Every request goes through one manager; the
-    // outcome reaches the pages through the four signals below.
+    // outcome reaches the pages through the signals below.
     QNetworkAccessManager* getNetworkManager();
     // From now on a certificate chain must end in a root of the system's
     // store, of the bundle's Resources/certs/ or of `caFile`: nobody is
@@ -131,6 +138,7 @@ public:
     std::unique_ptr<char[]> downloadBuffer;
     std::unique_ptr<QDir> downloadDir;
     bool sslErrorsAccepted = false;
+    DlrCertificatePolicy certificatePolicy = DlrCertificatePolicy::Ask;
     // Why the last manifest request got no answer from the server (the
     // network error's text); empty when it did.
     QString manifestNetworkError;
@@ -147,6 +155,8 @@ signals:
     void invalidManifestReply(const QString& reason);
     void failedDownload(const QString& reason, int manifestIndex);
     void finishedDownload(int manifestIndex);
+    // The policy refused the server's certificate; the request fails.
+    void certificateRefused(const QList<QSslError>& errors);
 
 private slots:
     void finishedReply(QNetworkReply* reply);

@@ -4,6 +4,7 @@
 #include "DlrApp.h"
 
 #include "DlrConstants.h"
+#include "DlrExitStatus.h"
 #include "DlrOptions.h"
 #include "DlrSettingsFile.h"
 
@@ -91,10 +92,16 @@ QString DlrUsageText()
                "    events as JSON lines\n"
                " -cafile <file>\n"
                "    also trust the certificate authorities of this PEM file\n"
-               "exit status: 0 everything chosen installed, 1 no product list,\n"
-               "    2 not enough free space, 3 a download failed, 4 an installation\n"
-               "    failed, 5 a bad option or product name")
-        .arg(QLatin1String(DlrTestServerHost));
+               "exit status: %2 everything chosen installed, %3 no product list,\n"
+               "    %4 not enough free space, %5 a download failed, %6 an installation\n"
+               "    failed, %7 a bad option or product name")
+        .arg(QLatin1String(DlrTestServerHost))
+        .arg(DlrExitNormal)
+        .arg(DlrExitNoProductList)
+        .arg(DlrExitNoSpace)
+        .arg(DlrExitDownloadFailed)
+        .arg(DlrExitInstallFailed)
+        .arg(DlrExitBadRequest);
 }
 
 DlrOptions DlrReadSettingsFile(const QString& path)
@@ -257,7 +264,7 @@ void DlrApp::parseCommandLineArguments()
     if (options.usageAsked) {
         std::printf("%s\n", DlrUsageText().toLocal8Bit().constData());
         std::fflush(stdout);
-        std::exit(0);
+        std::exit(DlrExitNormal);
     }
     std::fflush(stdout);
     apply(*this, options);

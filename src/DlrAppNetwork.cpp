@@ -6,7 +6,6 @@
 #include "DlrManifestHandler.h"
 #include "DlrNetworkError.h"
 #include "DlrTransferTimeout.h"
-#include "DlrUnattended.h"
 
 #include <QDebug>
 #include <QFile>
@@ -109,8 +108,8 @@ void DlrApp::sslErrors(QNetworkReply* reply, const QList<QSslError>& errors)
     }
     // Nobody to ask, nor to notice a stranger's root: the safe answer is no.
     // The vendor's own roots were trusted when the run began.
-    if (unattendedRun) {
-        unattendedRun->certificateRefused(errors);
+    if (certificatePolicy == DlrCertificatePolicy::Refuse) {
+        emit certificateRefused(errors);
         return;
     }
     // Our own servers are signed by a root the system need not know.

@@ -1,6 +1,7 @@
 #include "DlrDownload.h"
 
 #include "DlrApp.h"
+#include "DlrExitStatus.h"
 #include "DlrHumanBytes.h"
 #include "DlrInstallerLine.h"
 #include "DlrMachineAssay.h"
@@ -146,7 +147,7 @@ void DlrDownload::requestNextDownload()
                                + QStringLiteral(". If this error persists contact customer support. Press Ok to "
                                                 "exit the application"));
         box.exec();
-        QCoreApplication::exit(0);
+        QCoreApplication::exit(DlrExitNormal);
         return;
     }
     progressShown.invalidate();
@@ -222,7 +223,7 @@ void DlrDownload::askAboutFailedDownload(const QString& reason)
     box.setInformativeText(reason + QStringLiteral(". Press Abort to exit, Retry or Ignore to try the next product"));
     switch (box.exec()) {
     case QMessageBox::Abort:
-        QCoreApplication::exit(-1);
+        QCoreApplication::exit(DlrExitGaveUp);
         break;
     case QMessageBox::Retry:
         qDebug() << "Requesting retry after a failed download";
@@ -454,6 +455,8 @@ void DlrDownload::installerReadyStdout()
         break;
     }
     case DlrInstallerLine::Status:
+    case DlrInstallerLine::Success:
+    case DlrInstallerLine::Failure:
         amount->setText(line.text);
         break;
     case DlrInstallerLine::Nothing:

@@ -1,5 +1,7 @@
 #include "DlrInstallerLine.h"
 
+#include "InstallerOutput.h"
+
 #include <QRegularExpression>
 
 DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes)
@@ -20,7 +22,8 @@ DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes)
     line.plain = QString::fromLatin1(plain);
     // The first "installer:%" followed by digits and points moves the bar,
     // and only the bar; "installer:%abc" is a status like any other.
-    static const QRegularExpression kProgress(QStringLiteral("installer:%([0-9.]+)"));
+    static const QRegularExpression kProgress(QLatin1String(InstallerOutput::kLead)
+                                              + QLatin1String(InstallerOutput::kPercent) + QStringLiteral("([0-9.]+)"));
     const QRegularExpressionMatch progress = kProgress.match(line.plain);
     if (progress.hasMatch()) {
         // Read as a float; digits and points that make no number ("1.2.3",
@@ -33,10 +36,18 @@ DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes)
     }
 
     QString text = line.plain;
-    text.remove(QStringLiteral("installer:"));
-    text.remove(QStringLiteral("PHASE:"));
-    text.remove(QStringLiteral("STATUS:"));
-    line.kind = DlrInstallerLine::Status;
+    text.remove(QLatin1String(InstallerOutput::kLead));
+    text.remove(QLatin1String(InstallerOutput::kPhase));
+    text.remove(QLatin1String(InstallerOutput::kStatus));
     line.text = text;
+    const QLatin1String failure(InstallerOutput::kFailure);
+    if (line.plain.startsWith(QLatin1String(InstallerOutput::kSuccess))) {
+        line.kind = DlrInstallerLine::Success;
+    } else if (line.plain.startsWith(failure)) {
+        line.kind = DlrInstallerLine::Failure;
+        line.reason = line.plain.mid(failure.size());
+    } else {
+        line.kind = DlrInstallerLine::Status;
+    }
     return line;
 }

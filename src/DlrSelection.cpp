@@ -1,6 +1,7 @@
 #include "DlrSelection.h"
 
 #include "DlrApp.h"
+#include "DlrExitStatus.h"
 #include "DlrHumanBytes.h"
 #include "DlrMachineAssay.h"
 
@@ -70,7 +71,7 @@ void DlrSelection::invalidManifest(const QString& reason)
     // The reason alone does not tell a refused connection from a bad reply.
     box.setDetailedText(dlrApp()->manifestNetworkError);
     box.exec();
-    QCoreApplication::exit(1);
+    QCoreApplication::exit(DlrExitNoProductList);
 }
 
 void DlrSelection::validManifest()
@@ -88,7 +89,7 @@ void DlrSelection::validManifest()
         box.setDefaultButton(QMessageBox::Cancel);
         box.setInformativeText(reason + QStringLiteral(" Press OK to conitue download only or Cancel to exit this application"));
         if (box.exec() != QMessageBox::Ok) {
-            QCoreApplication::exit(-1);
+            QCoreApplication::exit(DlrExitGaveUp);
             return;
         }
     }
@@ -172,7 +173,7 @@ bool DlrSelection::validatePage()
         QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("There were no products to install"),
                         QMessageBox::Ok, this);
         box.exec();
-        QCoreApplication::exit(0);
+        QCoreApplication::exit(DlrExitNormal);
         return false;
     }
 

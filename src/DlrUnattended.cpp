@@ -7,6 +7,7 @@
 #include "DlrOSXProcess.h"
 #include "DlrOptions.h"
 #include "DlrPlatform.h"
+#include "InstallerOutput.h"
 
 #include <QJsonArray>
 #include <QNetworkReply>
@@ -64,18 +65,21 @@ void DlrUnattended::run()
     for (const QString& unknown : qAsConst(app->unknownOptions))
         log.Event(QStringLiteral("error"), QString(), QStringLiteral("unknown option ") + unknown);
     if (!app->unknownOptions.isEmpty()) {
-        end(BadRequest);
+        end(DlrExitBadRequest);
         return;
     }
+    // Nobody is there to answer a question about a certificate.
+    app->certificatePolicy = DlrCertificatePolicy::Refuse;
+    connect(app, &DlrApp::certificateRefused, this, &DlrUnattended::certificateRefused);
     QString untrusted;
     if (!app->TrustKnownRootsOnly(untrusted)) {
         log.Event(QStringLiteral("error"), QString(), untrusted);
-        end(BadRequest);
+        end(DlrExitBadRequest);
         return;
     }
     if (app->productsNamed && app->products.isEmpty()) {
         log.Event(QStringLiteral("error"), QString(), QStringLiteral("-products names no product"));
-        end(BadRequest);
+        end(DlrExitBadRequest);
         return;
     }
     const QString exposed = app->ExposedPasswordFile();
@@ -120,7 +124,7 @@ void DlrUnattended::invalidManifest(const QString& reason)
     if (!network.isEmpty() && network != reason)
         message += QStringLiteral(" (") + network + QLatin1Char(')');
     log.Event(QStringLiteral("error"), QString(), message);
-    end(NoProductList);
+    end(DlrExitNoProductList);
 }
 
 void DlrUnattended::validManifest()
@@ -132,7 +136,7 @@ void DlrUnattended::validManifest()
     QString unknown;
     if (!pickOffers(unknown)) {
         log.Event(QStringLiteral("error"), QString(), QStringLiteral("no such product on offer: ") + unknown);
-        end(BadRequest);
+        end(DlrExitBadRequest);
         return;
     }
     for (int index : qAsConst(picked)) {
@@ -147,7 +151,7 @@ void DlrUnattended::validManifest()
         return;
     }
     if (!enoughSpace()) {
-        end(NoSpace);
+        end(DlrExitNoSpace);
         return;
     }
     app->downloadIndices = picked;
@@ -335,18 +339,19 @@ void DlrUnattended::installerOutput()
     const DlrInstallerLine line = DlrReadInstallerLine(installer->readAllStandardOutput());
     // The installer's verdict is in its words: the helper cannot tell its
     // exit status.
-    static const QString kError = QStringLiteral("installer: Error - ");
-    static const QString kWarning = QStringLiteral("installer:STATUS:Warning: ");
-    if (line.plain.startsWith(QLatin1String("installer: The install was successful."))) {
+    using namespace InstallerOutput;
+    static const QString kPhaseLine = QLatin1String(kLead) + QLatin1String(kPhase);
+    static const QString kWarningLine = QLatin1String(kLead) + QLatin1String(kStatus) + QLatin1String(kWarning);
+    if (line.kind == DlrInstallerLine::Success) {
         installSucceeded = true;
-    } else if (line.plain.startsWith(kError)) {
-        installerReason = line.plain.mid(kError.size());
-    } else if (line.plain.startsWith(kWarning)) {
-        const QString warning = line.plain.mid(kWarning.size());
+    } else if (line.kind == DlrInstallerLine::Failure) {
+        installerReason = line.reason;
+    } else if (line.plain.startsWith(kWarningLine)) {
+        const QString warning = line.plain.mid(kWarningLine.size());
         installUnverified = installUnverified || warning.startsWith(QLatin1String("Packages are not verified"));
         log.Event(QStringLiteral("warning"), currentName(), warning);
     }
-    else if (line.plain.startsWith(QLatin1String("installer:PHASE:")))
+    else if (line.plain.startsWith(kPhaseLine))
         log.Event(QStringLiteral("install"), currentName(), line.text.trimmed(),
                   {{QStringLiteral("state"), QStringLiteral("phase")}});
 }
@@ -395,7 +400,9 @@ void DlrUnattended::nextProduct()
 
 void DlrUnattended::summarize()
 {
-    const Outcome outcome = downloadFailures ? DownloadFailed : notInstalled ? InstallFailed : AllInstalled;
+    const DlrExitStatus outcome = downloadFailures ? DlrExitDownloadFailed
+                                : notInstalled   ? DlrExitInstallFailed
+                                                 : DlrExitNormal;
     log.Event(QStringLiteral("summary"), QString(),
               QStringLiteral("%1 chosen, %2 installed (%3 unverified), %4 downloaded only, %5 downloads failed, "
                              "%6 not installed; exit status %7")
@@ -425,7 +432,7 @@ void DlrUnattended::certificateRefused(const QList<QSslError>& errors)
               QStringLiteral("refused the server's certificate: ") + texts.join(QStringLiteral("; ")));
 }
 
-void DlrUnattended::end(Outcome outcome)
+void DlrUnattended::end(DlrExitStatus outcome)
 {
     if (ended)
         return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DlrExitStatus.h"
 #include "DlrSelectionRules.h"
 #include "DlrUnattendedLog.h"
 
@@ -23,20 +24,12 @@ void DlrPrepareHeadless(int argc, char** argv);
 // download and installation in turn through the same engine, helper and
 // installer as the wizard. Where the wizard would ask, it takes the safe
 // answer and says so. Every event is a line of DlrUnattendedLog; the run
-// ends the event loop with its Outcome.
+// ends the event loop with its exit status.
 class DlrUnattended : public QObject
 {
     Q_OBJECT
 
 public:
-    enum Outcome {
-        AllInstalled = 0,
-        NoProductList = 1,
-        NoSpace = 2,
-        DownloadFailed = 3,
-        InstallFailed = 4,
-        BadRequest = 5, // an unknown option or product name
-    };
     static constexpr int kRetries = 3; // per download, each resuming the last
 
     DlrUnattended();
@@ -44,10 +37,9 @@ public:
 
     // Starts the run once the event loop is running.
     void Begin();
-    // The TLS policy met problems a user would be asked about: refused.
-    void certificateRefused(const QList<QSslError>& errors);
 
 private slots:
+    void certificateRefused(const QList<QSslError>& errors);
     void run();
     void validManifest();
     void invalidManifest(const QString& reason);
@@ -67,7 +59,7 @@ private:
     void installEnded(bool success, const QString& reason);
     void nextProduct();
     void summarize();
-    void end(Outcome outcome);
+    void end(DlrExitStatus outcome);
     int currentIndex() const;
     QString currentName() const;
 

@@ -16,6 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         VLUM_FUZZ_CHECK(std::isfinite(line.fraction) && line.fraction >= 0 && line.fraction <= 1);
         break;
     case DlrInstallerLine::Status:
+    case DlrInstallerLine::Success:
+    case DlrInstallerLine::Failure:
         for (const QChar c : line.text)
             VLUM_FUZZ_CHECK(c.unicode() > 0 && c.unicode() < 0x80);
         break;

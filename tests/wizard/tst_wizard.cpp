@@ -680,11 +680,12 @@ private slots:
     // What one read of installer output means: the first "installer:%" with
     // digits and points is a percentage, held to 0..100, that moves the bar
     // (one that is no number counts as 0), and the rest is shown without
-    // prefixes, typographic characters or what follows a NUL.
+    // prefixes, typographic characters or what follows a NUL; the verdict
+    // lines say how the installation ended as well.
     void installerLines_data()
     {
         QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QString>("meaning"); // "bar <fraction>", "text <text>" or "nothing"
+        QTest::addColumn<QString>("meaning"); // "bar <fraction>", "text <text>", "success <text>", "failure <reason>"
         QTest::newRow("percent") << QByteArray("installer:%42.5\n") << "bar 0.425";
         QTest::newRow("percent within a status") << QByteArray("installer:STATUS:Copying installer:%12") << "bar 0.12";
         QTest::newRow("huge percent") << QByteArray("installer:%44444444444") << "bar 1";
@@ -699,7 +700,9 @@ private slots:
         QTest::newRow("phase") << QByteArray("installer:PHASE:Validating packages\n") << "text Validating packages";
         QTest::newRow("ellipsis dropped") << QByteArray("installer:STATUS:Running scripts\342\200\246") << "text Running scripts";
         QTest::newRow("NUL ends the text") << QByteArray("installer:STATUS:Done\0installer:%5", 34) << "text Done";
-        QTest::newRow("end report") << QByteArray("installer: The install was successful.") << "text  The install was successful.";
+        QTest::newRow("success") << QByteArray("installer: The install was successful.\n") << "success  The install was successful.";
+        QTest::newRow("failure") << QByteArray("installer: Error - no room\n") << "failure no room";
+        QTest::newRow("failure holding a percentage") << QByteArray("installer: Error - bad installer:%5") << "bar 0.05";
     }
 
     void installerLines()
@@ -709,6 +712,8 @@ private slots:
         const DlrInstallerLine line = DlrReadInstallerLine(bytes);
         const QString got = line.kind == DlrInstallerLine::Progress ? QStringLiteral("bar %1").arg(line.fraction)
             : line.kind == DlrInstallerLine::Status                 ? "text " + line.text
+            : line.kind == DlrInstallerLine::Success                ? "success " + line.text
+            : line.kind == DlrInstallerLine::Failure                ? "failure " + line.reason
                                                                     : "nothing";
         QCOMPARE(got, meaning);
     }
