@@ -4,6 +4,7 @@
 
 #include "../support/DialogAnswerer.h"
 #include "../support/Files.h"
+#include "../support/HostileXml.h"
 #include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
@@ -263,6 +264,22 @@ private slots:
         QTest::newRow("nested past the limit")
             << "<M><ProductInfo><Name>A</Name></ProductInfo>" + QByteArray("<a>").repeated(100000) << false
             << QStringList{"A||||0||||"} << kept << "Manifest nested deeper than 256 elements";
+        // Hostile documents: nothing expands without end, no local file is read.
+        const QByteArray a = "<M><ProductInfo><Name>A</Name></ProductInfo>";
+        QTest::newRow("entity bomb") << entityBomb("M") + "<M><ProductInfo><Name>&a9;</Name></ProductInfo></M>" << false
+                                     << QStringList() << kept << "";
+        QTest::newRow("local file entity")
+            << localEntity("M", VLUM_SOURCE_DIR "/tests/fixtures/usage.txt") + "<M><ProductInfo><Name>&x;</Name></ProductInfo></M>"
+            << true << QStringList{"||||0||||"} << kept << "";
+        QTest::newRow("1 MiB name") << "<M><ProductInfo><Name>" + QByteArray(1 << 20, 'x') + "</Name></ProductInfo></M>"
+                                    << true << QStringList{QString(1 << 20, 'x') + "||||0||||"} << kept << "";
+        QTest::newRow("two roots") << a + "</M>" + a + "</M>" << false << QStringList{"A||||0||||"} << kept << "";
+        QTest::newRow("declared UTF-16") << "<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + a + "</M>" << false
+                                         << QStringList() << kept << "";
+        QTest::newRow("unknown encoding") << "<?xml version=\"1.0\" encoding=\"x-unknown\"?>" + a + "</M>" << true
+                                          << QStringList{"A||||0||||"} << kept << "";
+        QTest::newRow("open CDATA") << a + "<![CDATA[" << false << QStringList{"A||||0||||"} << kept << "";
+        QTest::newRow("open comment") << a + "<!--" << false << QStringList{"A||||0||||"} << kept << "";
     }
 
     void reader()
