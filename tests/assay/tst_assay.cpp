@@ -130,6 +130,7 @@ private slots:
         QTest::newRow("local file entity") << printing("<key>physical_memory</key><string>&x;</string>", localEntity("plist", scratch.filePath(QStringLiteral("secret")).toUtf8())) << true << "-" << QStringList();
         QTest::newRow("1 MiB value") << printing("<key>physical_memory</key><string>" + QByteArray(1 << 20, 'x') + "</string>") << true << "-" << QStringList();
         QTest::newRow("nested past the limit") << printing(memory + QByteArray("<a>").repeated(100000)) << false << "8" << QStringList();
+        QTest::newRow("a second root") << printing(memory + "</dict></array></plist><plist><array><dict>") << true << "8" << QStringList();
         QTest::newRow("declared UTF-16") << printing(memory, "<?xml version=\"1.0\" encoding=\"UTF-16\"?>") << true << "8" << QStringList();
         QTest::newRow("unknown encoding") << printing(memory, "<?xml version=\"1.0\" encoding=\"x-unknown\"?>") << true << "8" << QStringList();
         QTest::newRow("open CDATA") << printing(memory + "</dict><![CDATA[") << false << "8" << QStringList();
