@@ -47,7 +47,8 @@ const char* const kTwoOffers = R"(<?xml version="1.0"?>
 </Manifest>
 )";
 
-// The offer of this package, as the reader leaves it.
+// The offer of this package (with no address unless given), as the reader
+// leaves it.
 DlrManifestElement offered(const QString& name, const QString& url = QStringLiteral(""), qint64 size = 0)
 {
     QList<DlrManifestElement> offers;
