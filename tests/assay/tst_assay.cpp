@@ -5,6 +5,7 @@
 // program again (see main).
 
 #include "../support/ChildRun.h"
+#include "../support/HostileXml.h"
 #include "../support/ProductTree.h"
 #include "../support/TestMain.h"
 #include "RecordText.h"
@@ -45,10 +46,10 @@ bool lingers(const QByteArray& pid)
     return fields.value(0) != "Z" || fields.value(1).toLongLong() == QCoreApplication::applicationPid();
 }
 
-// A profiler printing this property-list body.
-QByteArray printing(const char* body)
+// A profiler printing this property-list body, after `prolog`.
+QByteArray printing(const QByteArray& body, const QByteArray& prolog = {})
 {
-    return QByteArray("cat <<'EOF'\n<plist><array><dict>") + body + "</dict></array></plist>\nEOF";
+    return "cat <<'EOF'\n" + prolog + "<plist><array><dict>" + body + "</dict></array></plist>\nEOF";
 }
 
 } // namespace
@@ -134,6 +135,18 @@ private slots:
         QTest::newRow("fails silently") << QByteArray("exit 3") << false << "-" << QStringList();
         QTest::newRow("stalls in the middle") << QByteArray("printf '<plist><array>'; exec sleep 60") << false << "-" << QStringList();
         QTest::newRow("missing") << QByteArray() << false << "-" << QStringList();
+        // Hostile documents: nothing expands without end, no local file is read.
+        const QByteArray memory = "<key>physical_memory</key><string>8 GB</string>";
+        QVERIFY(ProductTree(scratch.path()).file(QStringLiteral("secret"), "32 GB"));
+        QTest::newRow("entity bomb") << printing("<key>physical_memory</key><string>&a9;</string>", entityBomb("plist")) << false << "-" << QStringList();
+        QTest::newRow("local file entity") << printing("<key>physical_memory</key><string>&x;</string>", localEntity("plist", scratch.filePath(QStringLiteral("secret")).toUtf8())) << true << "-" << QStringList();
+        QTest::newRow("1 MiB value") << printing("<key>physical_memory</key><string>" + QByteArray(1 << 20, 'x') + "</string>") << true << "-" << QStringList();
+        QTest::newRow("nested past the limit") << printing(memory + QByteArray("<a>").repeated(100000)) << false << "8" << QStringList();
+        QTest::newRow("a second root") << printing(memory + "</dict></array></plist><plist><array><dict>") << true << "8" << QStringList();
+        QTest::newRow("declared UTF-16") << printing(memory, "<?xml version=\"1.0\" encoding=\"UTF-16\"?>") << true << "8" << QStringList();
+        QTest::newRow("unknown encoding") << printing(memory, "<?xml version=\"1.0\" encoding=\"x-unknown\"?>") << true << "8" << QStringList();
+        QTest::newRow("open CDATA") << printing(memory + "</dict><![CDATA[") << false << "8" << QStringList();
+        QTest::newRow("open comment") << printing(memory + "</dict><!--") << false << "8" << QStringList();
     }
 
     // The profile's facts, and the product walk going on whatever the

@@ -3,8 +3,7 @@
 // server, installed by the real installer through the real helper into a
 // temporary machine, which the real survey then reads back; then each fault
 // a user meets. The wizard runs in this process, the unattended program as a
-// child process. The faults of the table printed at the end each give one
-// row: what was tried, how many times, what the user saw and what was lost.
+// child process.
 
 #include "../assay/RecordText.h"
 #include "../support/ChildRun.h"
@@ -17,16 +16,13 @@
 #include "../support/VendorServer.h"
 #include "../support/WizardDriver.h"
 
-#include "DlrManifestHandler.h"
 #include "DlrNetworkError.h"
 #include "DlrPlatform.h"
-#include "DlrProfileReader.h"
 
 #include <QDesktopServices>
 #include <QJsonDocument>
 #include <QLabel>
 #include <QProgressBar>
-#include <QRandomGenerator>
 #include <QScopeGuard>
 
 #include <csignal>
@@ -53,76 +49,6 @@ Replacements faulty(const QString& package, const QString& switches)
 const Replacements kCorrupt{{"/packages/" + kScenes, "/packages/corrupt.pkg"},
                             {"@SIZE:" + kScenes + "@", "@SIZE:corrupt.pkg@"}};
 
-// A document a reader takes. Hostile copies put their payload just after
-// `anchor`, inside text the reader keeps.
-struct Source {
-    QByteArray doc;
-    QByteArray anchor;
-    QByteArray endTag; // one the document has, for a stray copy
-};
-
-// The n-th damaged copy, the same at every run: nine kinds of damage in
-// turn at places a seeded generator picks, and every tenth a hostile
-// document built around the source. Cuts stop before the last '>', so a
-// truncated copy never closes its root.
-QByteArray damaged(const Source& source, const QByteArray& secretPath, int n)
-{
-    const QByteArray& doc = source.doc;
-    QRandomGenerator pick(quint32(n) + 1);
-    const int end = doc.lastIndexOf('>');
-    const int at = int(pick.bounded(end));
-    QByteArray out = doc;
-    switch (n % 10) {
-    case 0: return out.left(at);
-    case 1: return out.replace(at, 1, "<");
-    case 2: return out.replace(at, 1, "&");
-    case 3: return out.replace(at, 1, QByteArray(1, '\0'));
-    case 4: return out.replace(at, 1, "\xff");
-    case 5: return out.remove(at, 1 + int(pick.bounded(64)));
-    case 6: return out.insert(at, doc.mid(int(pick.bounded(end)), 1 + int(pick.bounded(256))));
-    case 7: return out.insert(at, source.endTag);
-    case 8: return out.insert(at, "&undefined;");
-    default: break;
-    }
-    int root = 0;
-    while ((root = doc.indexOf('<', root)) >= 0 && (doc.at(root + 1) == '?' || doc.at(root + 1) == '!'))
-        ++root;
-    const QByteArray body = doc.mid(root);
-    const int into = body.indexOf(source.anchor) + source.anchor.size();
-    const auto filled = [&](const QByteArray& payload) { return QByteArray(body).insert(into, payload); };
-    switch (n / 10) {
-    case 0: { // a billion laughs
-        QByteArray entities = "<!ENTITY a0 \"lol\">";
-        for (int level = 1; level < 10; ++level)
-            entities += QStringLiteral("<!ENTITY a%1 \"%2\">")
-                            .arg(level)
-                            .arg(QStringLiteral("&a%1;").arg(level - 1).repeated(10))
-                            .toUtf8();
-        return "<!DOCTYPE r [" + entities + "]>" + filled("&a9;");
-    }
-    case 1: return "<!DOCTYPE r [<!ENTITY x SYSTEM \"file://" + secretPath + "\">]>" + filled("&x;");
-    case 2: return filled(QByteArray("<a>").repeated(100000) + QByteArray("</a>").repeated(100000));
-    case 3: return filled(QByteArray(1 << 20, 'x'));
-    case 4: return body + body;
-    case 5: return "<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + body;
-    case 6: return "<?xml version=\"1.0\" encoding=\"x-unknown\"?>" + body;
-    case 7: return filled("<![CDATA[");
-    case 8: return filled("<!--");
-    default: return QByteArray();
-    }
-}
-
-// The profile reader fed `doc` in pieces of `piece` bytes, as a pipe may.
-DlrProfileFacts readProfile(const QByteArray& doc, int piece)
-{
-    int at = 0;
-    return DlrReadProfile([&] {
-        const QByteArray next = doc.mid(at, piece);
-        at += next.size();
-        return next;
-    });
-}
-
 } // namespace
 
 class TestFaults : public QObject
@@ -134,7 +60,6 @@ class TestFaults : public QObject
     QString productRoot;
     QString downloads;
     QString catalog; // the demo catalog as built
-    QStringList table;
     VendorServer server;   // the catalog over TLS with the bundle's root, as the demo serves it
     VendorServer stranger; // a man in the middle, with a root of his own in the chain
     HelperProcess helper;
@@ -256,10 +181,6 @@ private slots:
     void cleanupTestCase()
     {
         QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
-        qInfo("| Fault | Tries | What the user saw | What was lost |");
-        qInfo("|---|---|---|---|");
-        for (const QString& row : qAsConst(table))
-            qInfo("%s", qPrintable(row));
     }
 
     // The mission: the rules pick the core server, the bridge for the Maya
@@ -412,9 +333,6 @@ private slots:
         const QString skipped = QStringLiteral("Could not start installer process for %1, skipping to next product");
         QCOMPARE(user.texts, (QStringList{skipped.arg("Velluma for Maya 2018"), skipped.arg("Velluma Sample Scenes")}));
         QCOMPARE(installed(), QStringList{kCoreFolder});
-        table << QStringLiteral("| helper killed (SIGKILL) during an installation | 1 | %1 | nothing; the running install "
-                                "finished, the next run installed the skipped ones from the packages already downloaded |")
-                     .arg(user.texts.join(QStringLiteral("; ")));
 
         // The next run is a script's, with -json: every event a JSON line.
         QVERIFY(startHelper());
@@ -563,7 +481,6 @@ private slots:
         const QString retry = QStringLiteral(". Press Abort to exit, Retry or Ignore to try the next product");
         QCOMPARE(user.informative.count(reason + retry), offsets.size());
         QVERIFY2(incomplete.isEmpty(), qPrintable(incomplete.join(QLatin1Char(' '))));
-        qint64 refetched = 0;
         for (int i = 0; i < offsets.size(); ++i) {
             const QString name = offers.at(i).name;
             QVERIFY2(readFile(downloads + QLatin1Char('/') + name) == server.package(name), qPrintable(name));
@@ -571,14 +488,8 @@ private slots:
             QCOMPARE(ranges.size(), 2); // the cut and one Retry
             const qint64 resumedAt = ranges.last().section(QLatin1Char('='), 1).section(QLatin1Char('-'), 0, 0).toLongLong();
             QVERIFY2(resumedAt <= offsets.at(i) && (offsets.at(i) < 262144 || resumedAt > 0), qPrintable(ranges.last()));
-            refetched += offsets.at(i) - resumedAt;
         }
         QCOMPARE(QDir(downloads).entryList(QDir::Files).size(), offsets.size()); // no part files left
-        table << QStringLiteral("| connection cut once at each of 10 offsets, from byte 0 to the last, of a 1 MiB package | 10 | "
-                                "\"Product download failed\": %1 (x10); Retry completed each | nothing; no final name ever "
-                                "held an incomplete file; %2 bytes fetched twice |")
-                     .arg(reason)
-                     .arg(refetched);
     }
 
     // The download folder, a small disk, fills up while a package arrives:
@@ -623,11 +534,6 @@ private slots:
         QVERIFY2(kept > 0 && kept <= 256 << 10, qPrintable(QString::number(kept)));
         QCOMPARE(readFile(downloads + QLatin1Char('/') + name), server.package(name));
         QCOMPARE(QDir(downloads).entryList(QDir::Files), QStringList{name});
-        table << QStringLiteral("| disk full during a download (4 MiB tmpfs filled up) | 1 | \"Product download failed\": %1; "
-                                "Retry after making room completed | nothing; no final file while full, the %2 bytes "
-                                "written were kept and resumed |")
-                     .arg(QString(reason).replace(QDir::homePath(), QStringLiteral("~")))
-                     .arg(kept);
     }
 
     void serverRestarted_data()
@@ -674,115 +580,6 @@ private slots:
         QCOMPARE(user.texts, listShown ? QStringList() : QStringList{"Could not get a product list from Oktavo"});
         if (!listShown)
             QCOMPARE(user.details, QStringList{DlrNetworkError(QNetworkReply::RemoteHostClosedError)});
-        const int requests = restarting.requests().size();
-        table << QStringLiteral("| server restarted during the product-list request, %1 | %2 | %3 | %4 |")
-                     .arg(QLatin1String(QTest::currentDataTag()))
-                     .arg(done)
-                     .arg(listShown ? QStringLiteral("the product list (%1 requests sent)").arg(requests)
-                                    : QStringLiteral("\"%1\": %2 (details: %3) after %4 requests; exit 1")
-                                          .arg(user.texts.value(0), user.informative.value(0), user.details.value(0))
-                                          .arg(requests),
-                          listShown ? QStringLiteral("nothing") : QStringLiteral("the run; no hang"));
-    }
-
-    void malformed_data()
-    {
-        QTest::addColumn<QString>("file"); // of the source tree
-        QTest::addColumn<QByteArray>("anchor");
-        QTest::addColumn<QByteArray>("endTag");
-        QTest::newRow("manifests") << "tools/demo-catalog/manifest.xml" << QByteArray("<Name>")
-                                   << QByteArray("</ProductInfo>");
-        QTest::newRow("profiles") << "tests/fixtures/system_profiler.xml" << QByteArray("<string>16 GB")
-                                  << QByteArray("</dict>");
-    }
-
-    // A hundred damaged copies of the demo catalog's manifest and of the
-    // profiler fixture, read in this process (a crash or a sanitizer
-    // report ends the suite). Each is read whole or refused: a cut one is
-    // always refused, no local file is ever read into the facts, and a
-    // profile's facts do not depend on how its output was cut. Every
-    // eleventh manifest is also served to the wizard, whose user sees the
-    // product list exactly when the reader accepted it.
-    void malformed()
-    {
-        QFETCH(QString, file);
-        QFETCH(QByteArray, anchor);
-        QFETCH(QByteArray, endTag);
-        const bool manifest = file.endsWith(QLatin1String("manifest.xml"));
-        const QString secretPath = work.filePath(QStringLiteral("secret"));
-        const QByteArray secret = "#0451-7723#";
-        QVERIFY(writeFile(secretPath, secret));
-
-        // A manifest's placeholders filled as the demo catalog fills them.
-        Source source{readFile(QStringLiteral(VLUM_SOURCE_DIR "/") + file), anchor, endTag};
-        source.doc.replace("@BASE@", server.base.toString().toUtf8());
-        source.doc = QString::fromUtf8(source.doc)
-                         .replace(QRegularExpression(QStringLiteral("@SIZE:[^@]*@")), QStringLiteral("4096"))
-                         .toUtf8();
-        QVERIFY(!source.doc.isEmpty() && source.doc.contains(source.anchor));
-
-        int refused = 0;
-        int listed = 0;
-        for (int n = 0; n < 100; ++n) {
-            const QByteArray doc = damaged(source, QFile::encodeName(secretPath), n);
-            QString read;
-            bool whole = false;
-            bool samePieces = true;
-            // The readers' complaints about each damaged document stay out of the output.
-            const QtMessageHandler previous =
-                qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-            if (manifest) {
-                QList<DlrManifestElement> offers;
-                QUrl success;
-                whole = DlrReadManifest(doc, offers, success);
-                for (const DlrManifestElement& offer : qAsConst(offers))
-                    read += offer.Name + offer.SimpleName + offer.BuildID + offer.DownloadURL.toString();
-                read += success.toString();
-            } else {
-                const DlrProfileFacts facts = readProfile(doc, qMax(1, doc.size()));
-                const DlrProfileFacts cut = readProfile(doc, 7);
-                samePieces = cut.complete == facts.complete && cut.properties == facts.properties
-                    && cut.products == facts.products;
-                whole = facts.complete;
-                for (const QString& value : facts.properties)
-                    read += value;
-                for (const AssayedProduct& product : facts.products)
-                    read += QStringList(product.values()).join(QString());
-            }
-            qInstallMessageHandler(previous);
-            refused += whole ? 0 : 1;
-            QVERIFY2(samePieces, qPrintable(QStringLiteral("profile %1 read differently in pieces").arg(n)));
-            QVERIFY2(!(n % 10 == 0 && whole), qPrintable(QStringLiteral("cut document %1 accepted").arg(n)));
-            QVERIFY2(!read.contains(QString::fromUtf8(secret)),
-                     qPrintable(QStringLiteral("document %1 read a local file").arg(n)));
-
-            if (manifest && n % 11 == 0) {
-                server.writeCatalogFile(QStringLiteral("manifest.xml"), doc);
-                DialogAnswerer user(QMessageBox::Ok);
-                QCOMPARE(productListRun(), whole ? 0 : 1);
-                if (!whole) {
-                    QCOMPARE(user.texts, QStringList{"Could not get a product list from Oktavo"});
-                    QCOMPARE(user.informative, QStringList{"bad manifest reply"});
-                }
-                listed += whole ? 1 : 0;
-                window.reset();
-            }
-        }
-        const QString saw = manifest ? QStringLiteral("%1 refused, %2 read; of 10 served to the wizard: \"Could not get "
-                                                      "a product list from Oktavo\": bad manifest reply, exit 1 (x%3); "
-                                                      "the product list (x%4)")
-                                           .arg(refused)
-                                           .arg(100 - refused)
-                                           .arg(10 - listed)
-                                           .arg(listed)
-                                     : QStringLiteral("nothing: %1 incomplete, %2 complete; the survey keeps what came "
-                                                      "before a fault, however the output is cut")
-                                           .arg(refused)
-                                           .arg(100 - refused);
-        table << QStringLiteral("| malformed %1 (cut, bytes changed, spans cut or doubled, stray tags and entities, entity "
-                                "bomb, local entity, deep nesting, wrong encodings) | 100 | %2 | nothing; no crash, no "
-                                "local file read |")
-                     .arg(QLatin1String(QTest::currentDataTag()), saw);
     }
 };
 

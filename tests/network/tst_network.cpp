@@ -4,6 +4,8 @@
 
 #include "../support/DialogAnswerer.h"
 #include "../support/Files.h"
+#include "../support/HostileXml.h"
+#include "../support/Manifest.h"
 #include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
@@ -45,13 +47,14 @@ const char* const kTwoOffers = R"(<?xml version="1.0"?>
 </Manifest>
 )";
 
-DlrManifestElement offer(const QString& name, const QUrl& url = QUrl(), qint64 size = 0)
+// The offer of this package (with no address unless given), as the reader
+// leaves it.
+DlrManifestElement offered(const QString& name, const QString& url = QStringLiteral(""), qint64 size = 0)
 {
-    DlrManifestElement element;
-    element.Name = name;
-    element.DownloadURL = url;
-    element.FileSize = size;
-    return element;
+    QList<DlrManifestElement> offers;
+    QUrl success;
+    DlrReadManifest(manifest({offer({}, name, {}, {}, {}, QString::number(size), url)}), offers, success);
+    return offers.value(0);
 }
 
 // An offer's fields as the reader left them, in one text.
@@ -181,7 +184,7 @@ private slots:
         QFETCH(QString, families);
         QFETCH(QString, decimal);
         QFETCH(QString, structured);
-        DlrManifestElement element = offer(name);
+        DlrManifestElement element = offered(name);
         element.SimpleName = simpleName;
         QCOMPARE(QString(element.GetIsCoreServer() ? "C" : "") + (element.GetIsVellumaForMaya() ? "M" : "")
                      + (element.GetIsVWSForMaya() ? "W" : "") + (element.GetIsHarrow() ? "H" : ""),
@@ -223,7 +226,7 @@ private slots:
         QFETCH(int, expected);
         QList<DlrManifestElement> offers;
         for (const QString& name : names)
-            offers << offer(name);
+            offers << offered(name);
         if (names.contains(QStringLiteral("Tool")))
             QTest::ignoreMessage(QtDebugMsg, "Product with no version \"Tool\"");
         QRegExp tool(QStringLiteral("Tool"));
@@ -263,6 +266,22 @@ private slots:
         QTest::newRow("nested past the limit")
             << "<M><ProductInfo><Name>A</Name></ProductInfo>" + QByteArray("<a>").repeated(100000) << false
             << QStringList{"A||||0||||"} << kept << "Manifest nested deeper than 256 elements";
+        // Hostile documents: nothing expands without end, no local file is read.
+        const QByteArray a = "<M><ProductInfo><Name>A</Name></ProductInfo>";
+        QTest::newRow("entity bomb") << entityBomb("M") + "<M><ProductInfo><Name>&a9;</Name></ProductInfo></M>" << false
+                                     << QStringList() << kept << "";
+        QTest::newRow("local file entity")
+            << localEntity("M", VLUM_SOURCE_DIR "/tests/fixtures/usage.txt") + "<M><ProductInfo><Name>&x;</Name></ProductInfo></M>"
+            << true << QStringList{"||||0||||"} << kept << "";
+        QTest::newRow("1 MiB name") << "<M><ProductInfo><Name>" + QByteArray(1 << 20, 'x') + "</Name></ProductInfo></M>"
+                                    << true << QStringList{QString(1 << 20, 'x') + "||||0||||"} << kept << "";
+        QTest::newRow("two roots") << a + "</M>" + a + "</M>" << false << QStringList{"A||||0||||"} << kept << "";
+        QTest::newRow("declared UTF-16") << "<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + a + "</M>" << false
+                                         << QStringList() << kept << "";
+        QTest::newRow("unknown encoding") << "<?xml version=\"1.0\" encoding=\"x-unknown\"?>" + a + "</M>" << true
+                                          << QStringList{"A||||0||||"} << kept << "";
+        QTest::newRow("open CDATA") << a + "<![CDATA[" << false << QStringList{"A||||0||||"} << kept << "";
+        QTest::newRow("open comment") << a + "<!--" << false << QStringList{"A||||0||||"} << kept << "";
     }
 
     void reader()
@@ -552,7 +571,7 @@ private slots:
         }
         for (const QString& file : existing)
             QVERIFY(shared || QFile(downloads() + '/' + file).open(QIODevice::WriteOnly));
-        manifest() << offer(name);
+        manifest() << offered(name);
         const QString temp = dlrApp()->getDownloadPath(0);
         const QString folder = shared ? QFileInfo(temp).path() : downloads();
         struct stat info {};
@@ -611,7 +630,7 @@ private slots:
         if (kind == QLatin1String("foreign") && ::chown(QFile::encodeName(path).constData(), 65534, 65534) != 0)
             QSKIP("another user's file needs root to make");
 
-        manifest() << offer(name, server.url(QStringLiteral("packages/small.pkg")), size);
+        manifest() << offered(name, server.url(QStringLiteral("packages/small.pkg")).toString(), size);
         dlrApp()->CheckForDownload(0);
         QCOMPARE(manifest().at(0).downloaded, reused);
         QCOMPARE(bool(manifest().at(0).downloadFile), reused);
@@ -676,14 +695,14 @@ private slots:
         QFETCH(int, failures);
         QFETCH(bool, rest);
         const QString final = downloads() + '/' + name;
-        QUrl source = server.url(QStringLiteral("packages/") + name + '?' + query);
+        QString source = server.url(QStringLiteral("packages/") + name + '?' + query).toString();
         if (query == QLatin1String("refused"))
-            source = QUrl(QStringLiteral("https://127.0.0.1:%1/packages/Product.pkg").arg(freePort()));
+            source = QStringLiteral("https://127.0.0.1:%1/packages/Product.pkg").arg(freePort());
         else if (!query.isEmpty() && !query.contains(QLatin1Char('=')))
-            source = QUrl(query, QUrl::TolerantMode);
+            source = query;
         const QStringList partial{name + QStringLiteral(".vlumdownload")};
         const bool fetched = !reason.startsWith(QLatin1String("Not downloading"));
-        manifest() << offer(name, source, size);
+        manifest() << offered(name, source, size);
         qint64 received = 0;
         for (int tries = 0; tries < failures; ++tries) {
             {
@@ -721,7 +740,7 @@ private slots:
     // once instead of stalling behind its full read buffer.
     void manifestEmptiedMidDownload()
     {
-        manifest() << offer(QStringLiteral("Big.pkg"), server.url(QStringLiteral("packages/Big.pkg")), 64 << 20);
+        manifest() << offered(QStringLiteral("Big.pkg"), server.url(QStringLiteral("packages/Big.pkg")).toString(), 64 << 20);
         QSignalSpy failed(dlrApp(), &DlrApp::failedDownload);
         QNetworkReply* reply = dlrApp()->DownloadProduct(0);
         QVERIFY(reply);

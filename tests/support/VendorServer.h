@@ -4,6 +4,7 @@
 // test, with a catalog folder of the test's own making.
 
 #include "Files.h"
+#include "Manifest.h"
 
 #include <QDir>
 #include <QFile>
@@ -75,19 +76,15 @@ public:
     // manifest.xml offering each package, ticked by default.
     void serveOffers(const QList<Offer>& offers)
     {
-        QByteArray xml = "<Manifest>\n";
-        for (const Offer& offer : offers) {
-            if (offer.size > 0)
-                writePackage(offer.name, offer.size);
-            const QString address = QStringLiteral("@BASE@/packages/") + offer.name
-                + (offer.faults.isEmpty() ? QString() : QLatin1Char('?') + offer.faults);
-            xml += QStringLiteral("<ProductInfo><Name>%1</Name><SimpleName>Product %2</SimpleName><BuildID>1</BuildID>"
-                                  "<FileSize>@SIZE:%1@</FileSize><DefaultBehavior>show</DefaultBehavior>"
-                                  "<DownloadURL>%3</DownloadURL></ProductInfo>\n")
-                       .arg(offer.name, offer.name.section(QLatin1Char('.'), 0, 0), address.toHtmlEscaped())
-                       .toUtf8();
+        QByteArrayList records;
+        for (const Offer& item : offers) {
+            if (item.size > 0)
+                writePackage(item.name, item.size);
+            records << offer({}, item.name, "Product " + item.name.section(QLatin1Char('.'), 0, 0), "1", "show",
+                             "@SIZE:" + item.name + '@',
+                             "@BASE@/packages/" + item.name + (item.faults.isEmpty() ? QString() : '?' + item.faults));
         }
-        writeCatalogFile(QStringLiteral("manifest.xml"), xml + "</Manifest>\n");
+        writeCatalogFile(QStringLiteral("manifest.xml"), manifest(records));
     }
 
     QByteArray package(const QString& name) const

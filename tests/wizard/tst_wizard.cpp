@@ -9,6 +9,7 @@
 
 #include "../support/DialogAnswerer.h"
 #include "../support/HelperProcess.h"
+#include "../support/Manifest.h"
 #include "../support/ProductTree.h"
 #include "../support/SmallDisk.h"
 #include "../support/TestMain.h"
@@ -42,26 +43,6 @@ echo 'installer: The install was successful.'
 echo "${pkg##*/}" >> "$(dirname "$0")/installed.txt"
 )";
 
-// One ProductInfo record. An empty version leaves the version fields out.
-QByteArray offer(const QString& version, const QString& name, const QString& simple, const QString& build,
-                 const QString& behavior = "automatic", qint64 size = 1000, const QString& url = QString())
-{
-    QString fields = QStringLiteral("<Name>%1</Name><SimpleName>%2</SimpleName><BuildID>%3</BuildID>"
-                                    "<DefaultBehavior>%4</DefaultBehavior><FileSize>%5</FileSize>"
-                                    "<DownloadURL>%6</DownloadURL>")
-                         .arg(name, simple, build, behavior, QString::number(size),
-                              url.isNull() ? "https://127.0.0.1:9/packages/" + name : url);
-    if (!version.isEmpty())
-        fields += QStringLiteral("<VersionMajor>%1</VersionMajor><VersionMinor>%2</VersionMinor>")
-                      .arg(version.section('.', 0, 0), version.section('.', 1));
-    return "<ProductInfo>" + fields.toUtf8() + "</ProductInfo>\n";
-}
-
-QByteArray manifest(const QByteArrayList& offers)
-{
-    return "<Manifest>\n" + offers.join() + "</Manifest>\n";
-}
-
 const QByteArray kCore22 = offer("22.0", "Velluma-CoreServer-22.0.200000.pkg", "Velluma CoreServer 22.0", "200000");
 const QByteArray kMaya2018 = offer("22.0", "VellumaForMaya-22.0-maya2018_200000-1.pkg", "Velluma for Maya 2018", "200000");
 const QByteArray kMaya2020 = offer("22.0", "VellumaForMaya-22.0-maya2020_200000-1.pkg", "Velluma for Maya 2020", "200000");
@@ -77,8 +58,8 @@ const QByteArray kCatalog = manifest({
     offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "200000", "show"),
     offer("22.0", "VellumaDocs-22.0.pkg", "Velluma Docs", "200000", "Show"),
     offer("22.0", "VellumaForHoudini-22.0-houdini19_200000-1.pkg", "Velluma for Houdini 19", "200000"),
-    offer("22.0", "VellumaExtras-22.0.pkg", "Velluma Extras", "200000", "show", 0),
-    offer("22.0", "VellumaTools-22.0.pkg", "Velluma Tools", "200000", "show", 1000, "http://[bad"),
+    offer("22.0", "VellumaExtras-22.0.pkg", "Velluma Extras", "200000", "show", "0"),
+    offer("22.0", "VellumaTools-22.0.pkg", "Velluma Tools", "200000", "show", "1000", "http://[bad"),
 });
 
 } // namespace
@@ -442,7 +423,7 @@ private slots:
         row("duplicate offer: the first is chosen", manifest({kCore22, kCore22}), {}, "ch");
         row("chosen server keeps its place without a URL or size",
             manifest({offer("22.0", "Velluma-CoreServer-22.0.200000.pkg", "Velluma CoreServer 22.0", "200000",
-                            "automatic", 0, "http://[bad"),
+                            "automatic", "0", "http://[bad"),
                       kMayaAny}),
             {"maya 2018"}, "cc");
         row("names that leave the download folder are never listed",
@@ -452,7 +433,7 @@ private slots:
                       offer("22.0", "..", "Velluma Extras", "1", "show"), kCore22}),
             {}, "....c");
         row("a negative size is unknown",
-            manifest({kCore22, offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show", -5)}),
+            manifest({kCore22, offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show", "-5")}),
             {}, "c");
     }
 
@@ -611,8 +592,8 @@ private slots:
         if (!disk.mounted)
             QSKIP("a 1 MiB tmpfs cannot be mounted here (needs root)");
         dlrApp()->downloadDir.reset(new QDir(small.path()));
-        setManifest(manifest({offer("22.0", "Velluma-CoreServer-22.0.1.pkg", "Velluma CoreServer 22.0", "1", "automatic", coreSize),
-                              offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show", scenesSize)}));
+        setManifest(manifest({offer("22.0", "Velluma-CoreServer-22.0.1.pkg", "Velluma CoreServer 22.0", "1", "automatic", QString::number(coreSize)),
+                              offer("22.0", "VellumaSampleScenes-22.0.pkg", "Velluma Sample Scenes", "1", "show", QString::number(scenesSize))}));
         enterSelection();
         QCOMPARE(list()->count(), 2);
         DialogAnswerer user(QMessageBox::Ok);
