@@ -4,6 +4,7 @@
 #include "DlrExitStatus.h"
 #include "DlrHumanBytes.h"
 #include "DlrMachineAssay.h"
+#include "DlrProductWalk.h"
 
 #include <QCheckBox>
 #include <QDebug>
@@ -177,20 +178,16 @@ bool DlrSelection::validatePage()
         return false;
     }
 
-    const qint64 needed = DlrSpaceNeeded(app->manifest, picked);
-    const QDir* folder = app->GetDownloadDir();
-    const qint64 available = DlrMachineAssay::GetAvailableDisk(*folder);
-    if (available < needed) {
-        QMessageBox box(QMessageBox::Critical, QString(),
-                        QStringLiteral("You do not have enough free disk space to download the selected products"),
-                        QMessageBox::Ok, this);
-        box.setInformativeText(QStringLiteral("Needed %1 for selected downloads. There is %2 of available space on %3")
-                                   .arg(DlrHumanBytes(needed), DlrHumanBytes(available), folder->absolutePath()));
+    const DlrFreeSpace space = DlrMeasureFreeSpace(picked);
+    if (!space.Enough()) {
+        QMessageBox box(QMessageBox::Critical, QString(), DlrFreeSpace::Shortage(), QMessageBox::Ok, this);
+        box.setInformativeText(space.Figures());
         box.exec();
         return false;
     }
 
-    qDebug() << "We have enough space" << DlrHumanBytes(available) << "to continue. Needed" << DlrHumanBytes(needed);
+    qDebug() << "We have enough space" << DlrHumanBytes(space.available) << "to continue. Needed"
+             << DlrHumanBytes(space.needed);
     app->downloadIndices = picked;
     return true;
 }

@@ -4,13 +4,12 @@
 #include "DlrHumanBytes.h"
 #include "DlrInstallerLine.h"
 #include "DlrMachineAssay.h"
-#include "DlrOSXProcess.h"
+#include "DlrManifestElement.h"
 #include "DlrOptions.h"
 #include "DlrPlatform.h"
 #include "InstallerOutput.h"
 
 #include <QJsonArray>
-#include <QNetworkReply>
 #include <QTimer>
 
 namespace {
@@ -90,8 +89,24 @@ void DlrUnattended::run()
                   {{QStringLiteral("path"), exposed}});
     connect(app, &DlrApp::validManifestReply, this, &DlrUnattended::validManifest);
     connect(app, &DlrApp::invalidManifestReply, this, &DlrUnattended::invalidManifest);
-    connect(app, qOverload<int>(&DlrApp::finishedDownload), this, &DlrUnattended::downloadCompleted);
-    connect(app, &DlrApp::failedDownload, this, &DlrUnattended::downloadFailed);
+    connect(&walk, &DlrProductWalk::alreadyDownloaded, this, [this](const QString& path) {
+        log.Event(QStringLiteral("download"), walk.CurrentName(), QStringLiteral("already downloaded: ") + path,
+                  {{QStringLiteral("state"), QStringLiteral("present")}});
+    });
+    connect(&walk, &DlrProductWalk::downloadCompleted, this, [this](const QString& path) {
+        log.Event(QStringLiteral("download"), walk.CurrentName(), QStringLiteral("complete: ") + path,
+                  {{QStringLiteral("state"), QStringLiteral("complete")}, {QStringLiteral("path"), path}});
+    });
+    connect(&walk, &DlrProductWalk::installing, this, [this](const QString& package) {
+        installUnverified = false;
+        log.Event(QStringLiteral("install"), walk.CurrentName(), QStringLiteral("installing ") + package,
+                  {{QStringLiteral("state"), QStringLiteral("started")}});
+    });
+    connect(&walk, &DlrProductWalk::downloadProgress, this, &DlrUnattended::downloadProgress);
+    connect(&walk, &DlrProductWalk::downloadFailed, this, &DlrUnattended::downloadFailed);
+    connect(&walk, &DlrProductWalk::installerLine, this, &DlrUnattended::installerLine);
+    connect(&walk, &DlrProductWalk::productEnded, this, &DlrUnattended::productEnded);
+    connect(&walk, &DlrProductWalk::finished, this, &DlrUnattended::summarize);
 
     app->DoAssay();
     QStringList found;
@@ -155,9 +170,9 @@ void DlrUnattended::validManifest()
         return;
     }
     app->downloadIndices = picked;
-    position = 0;
     retries = 0;
-    startDownload();
+    walk.cannotInstall = noInstaller;
+    walk.Start();
 }
 
 bool DlrUnattended::pickOffers(QString& unknown)
@@ -193,63 +208,62 @@ bool DlrUnattended::pickOffers(QString& unknown)
 
 bool DlrUnattended::enoughSpace()
 {
-    DlrApp* app = dlrApp();
-    const qint64 needed = DlrSpaceNeeded(app->manifest, picked);
-    const QDir* folder = app->GetDownloadDir();
-    const qint64 available = DlrMachineAssay::GetAvailableDisk(*folder);
-    const QJsonObject fields{{QStringLiteral("needed"), needed},
-                             {QStringLiteral("available"), available},
-                             {QStringLiteral("folder"), folder->absolutePath()}};
-    const QString figures = QStringLiteral("Needed %1 for selected downloads. There is %2 of available space on %3")
-                                .arg(DlrHumanBytes(needed), DlrHumanBytes(available), folder->absolutePath());
-    if (available < needed) {
-        log.Event(QStringLiteral("error"), QString(),
-                  QStringLiteral("You do not have enough free disk space to download the selected products. ") + figures,
+    const DlrFreeSpace space = DlrMeasureFreeSpace(picked);
+    const QJsonObject fields{{QStringLiteral("needed"), space.needed},
+                             {QStringLiteral("available"), space.available},
+                             {QStringLiteral("folder"), space.folder}};
+    if (!space.Enough()) {
+        log.Event(QStringLiteral("error"), QString(), DlrFreeSpace::Shortage() + QStringLiteral(". ") + space.Figures(),
                   fields);
         return false;
     }
-    log.Event(QStringLiteral("space"), QString(), figures, fields);
+    log.Event(QStringLiteral("space"), QString(), space.Figures(), fields);
     return true;
 }
 
-int DlrUnattended::currentIndex() const
+void DlrUnattended::productEnded(const DlrProductWalk::Result& result)
 {
-    return position >= 0 && position < picked.size() ? picked.at(position) : -1;
-}
-
-QString DlrUnattended::currentName() const
-{
-    const int index = currentIndex();
-    return index < 0 ? QString() : dlrApp()->manifest.at(index).matchName();
-}
-
-void DlrUnattended::startDownload()
-{
-    if (position >= picked.size()) {
-        summarize();
-        return;
-    }
-    DlrApp* app = dlrApp();
-    const int index = currentIndex();
-    app->CheckForDownload(index);
-    const DlrManifestElement& offer = app->manifest.at(index);
-    if (offer.downloaded) {
-        log.Event(QStringLiteral("download"), currentName(),
-                  QStringLiteral("already downloaded: ") + offer.downloadFile->fileName(),
-                  {{QStringLiteral("state"), QStringLiteral("present")}});
-        downloadCompleted(index);
-        return;
-    }
-    QNetworkReply* reply = app->DownloadProduct(index);
-    if (!reply) {
-        log.Event(QStringLiteral("download"), currentName(), QStringLiteral("failed: the download could not be started"),
-                  {{QStringLiteral("state"), QStringLiteral("failed")}});
+    const QString name = walk.CurrentName();
+    const QString failed = QStringLiteral("failed");
+    switch (result.outcome) {
+    case DlrProductWalk::Installed:
+        ++installed;
+        unverified += installUnverified ? 1 : 0;
+        log.Event(QStringLiteral("install"), name,
+                  installUnverified ? QStringLiteral("installed, unverified") : QStringLiteral("installed"),
+                  {{QStringLiteral("state"), QStringLiteral("installed")}, {QStringLiteral("verified"), !installUnverified}});
+        break;
+    case DlrProductWalk::DownloadedOnly:
+        log.Event(QStringLiteral("install"), name, QStringLiteral("not a package: downloaded only"),
+                  {{QStringLiteral("state"), QStringLiteral("downloaded-only")}});
+        ++deliveredOnly;
+        break;
+    case DlrProductWalk::NotInstalled:
+        log.Event(QStringLiteral("install"), name, QStringLiteral("not installed: ") + result.reason,
+                  {{QStringLiteral("state"), failed}});
+        ++notInstalled;
+        break;
+    case DlrProductWalk::DownloadFailed:
+        // A download given up on has said so already.
+        if (result.reason.isEmpty())
+            log.Event(QStringLiteral("download"), name, QStringLiteral("failed: the download could not be started"),
+                      {{QStringLiteral("state"), failed}});
         ++downloadFailures;
-        nextProduct();
-        return;
+        break;
+    case DlrProductWalk::InstallFailed:
+    case DlrProductWalk::InstallerNotStarted: {
+        const QString reason = result.outcome == DlrProductWalk::InstallerNotStarted
+                                   ? QStringLiteral("could not start the installer through the helper: ") + result.reason
+                               : result.reason.isEmpty() ? QStringLiteral("the installer ended without reporting success")
+                                                         : result.reason;
+        ++notInstalled;
+        log.Event(QStringLiteral("install"), name, QStringLiteral("failed: ") + reason,
+                  {{QStringLiteral("state"), failed}, {QStringLiteral("reason"), reason}});
+        break;
     }
+    }
+    retries = 0;
     sinceProgress.invalidate();
-    connect(reply, &QNetworkReply::downloadProgress, this, &DlrUnattended::downloadProgress);
 }
 
 void DlrUnattended::downloadProgress(qint64 received, qint64 total)
@@ -258,144 +272,46 @@ void DlrUnattended::downloadProgress(qint64 received, qint64 total)
     if (sinceProgress.isValid() && sinceProgress.elapsed() < 1000)
         return;
     sinceProgress.start();
-    // A resumed download counts what the file held already.
-    const qint64 offset = dlrApp()->downloadOffset;
-    received += offset;
     QString message = DlrHumanBytes(received);
     QJsonObject fields{{QStringLiteral("state"), QStringLiteral("progress")}, {QStringLiteral("received"), received}};
     if (total > 0) {
-        total += offset;
         message += QStringLiteral(" of %1 (%2%)").arg(DlrHumanBytes(total)).arg(received * 100 / total);
         fields.insert(QStringLiteral("total"), total);
     }
-    log.Event(QStringLiteral("download"), currentName(), message, fields);
+    log.Event(QStringLiteral("download"), walk.CurrentName(), message, fields);
 }
 
-void DlrUnattended::downloadCompleted(int manifestIndex)
+void DlrUnattended::downloadFailed(const QString& reason)
 {
-    if (manifestIndex != currentIndex())
-        return;
-    const DlrManifestElement& offer = dlrApp()->manifest.at(manifestIndex);
-    const QString path = offer.downloadFile ? offer.downloadFile->fileName() : QString();
-    log.Event(QStringLiteral("download"), currentName(), QStringLiteral("complete: ") + path,
-              {{QStringLiteral("state"), QStringLiteral("complete")}, {QStringLiteral("path"), path}});
-    install();
-}
-
-void DlrUnattended::downloadFailed(const QString& reason, int manifestIndex)
-{
-    if (manifestIndex != currentIndex())
-        return;
+    sinceProgress.invalidate();
     const QJsonObject fields{{QStringLiteral("state"), QStringLiteral("failed")}, {QStringLiteral("reason"), reason}};
     if (retries < kRetries) {
         ++retries;
-        log.Event(QStringLiteral("download"), currentName(),
+        log.Event(QStringLiteral("download"), walk.CurrentName(),
                   QStringLiteral("failed: %1; retrying (%2 of %3)").arg(reason).arg(retries).arg(kRetries), fields);
-        // Later: the engine still holds the failed reply while this runs.
-        QTimer::singleShot(1, this, &DlrUnattended::startDownload);
+        walk.Retry();
         return;
     }
-    log.Event(QStringLiteral("download"), currentName(),
+    log.Event(QStringLiteral("download"), walk.CurrentName(),
               QStringLiteral("failed: %1; skipped after %2 retries").arg(reason).arg(kRetries), fields);
-    ++downloadFailures;
-    nextProduct();
+    walk.GiveUp(reason);
 }
 
-void DlrUnattended::install()
+void DlrUnattended::installerLine(const DlrInstallerLine& line)
 {
-    const DlrManifestElement& offer = dlrApp()->manifest.at(currentIndex());
-    const QString package = offer.downloadFile ? offer.downloadFile->fileName() : QString();
-    if (!package.endsWith(QLatin1String(".pkg"))) {
-        log.Event(QStringLiteral("install"), currentName(), QStringLiteral("not a package: downloaded only"),
-                  {{QStringLiteral("state"), QStringLiteral("downloaded-only")}});
-        ++deliveredOnly;
-        nextProduct();
-        return;
-    }
-    if (!noInstaller.isEmpty()) {
-        log.Event(QStringLiteral("install"), currentName(), QStringLiteral("not installed: ") + noInstaller,
-                  {{QStringLiteral("state"), QStringLiteral("failed")}});
-        ++notInstalled;
-        nextProduct();
-        return;
-    }
-    installSucceeded = false;
-    installUnverified = false;
-    installerReason.clear();
-    installer = std::make_unique<DlrOSXProcess>();
-    connect(installer.get(), &DlrOSXProcess::error, this, &DlrUnattended::installerError);
-    connect(installer.get(), &DlrOSXProcess::finished, this, &DlrUnattended::installerFinished);
-    connect(installer.get(), &DlrOSXProcess::readyReadStandardOutput, this, &DlrUnattended::installerOutput);
-    log.Event(QStringLiteral("install"), currentName(), QStringLiteral("installing ") + package,
-              {{QStringLiteral("state"), QStringLiteral("started")}});
-    installer->start(DlrPlatform::PackageInstallerProgram(), DlrPlatform::PackageInstallerArguments(package),
-                     QIODevice::ReadOnly);
-}
-
-void DlrUnattended::installerOutput()
-{
-    if (!installer)
-        return;
-    const DlrInstallerLine line = DlrReadInstallerLine(installer->readAllStandardOutput());
-    // The installer's verdict is in its words: the helper cannot tell its
-    // exit status.
     using namespace InstallerOutput;
     static const QString kPhaseLine = QLatin1String(kLead) + QLatin1String(kPhase);
     static const QString kWarningLine = QLatin1String(kLead) + QLatin1String(kStatus) + QLatin1String(kWarning);
-    if (line.kind == DlrInstallerLine::Success) {
-        installSucceeded = true;
-    } else if (line.kind == DlrInstallerLine::Failure) {
-        installerReason = line.reason;
-    } else if (line.plain.startsWith(kWarningLine)) {
+    if (line.kind == DlrInstallerLine::Success || line.kind == DlrInstallerLine::Failure)
+        return;
+    if (line.plain.startsWith(kWarningLine)) {
         const QString warning = line.plain.mid(kWarningLine.size());
         installUnverified = installUnverified || warning.startsWith(QLatin1String("Packages are not verified"));
-        log.Event(QStringLiteral("warning"), currentName(), warning);
-    }
-    else if (line.plain.startsWith(kPhaseLine))
-        log.Event(QStringLiteral("install"), currentName(), line.text.trimmed(),
+        log.Event(QStringLiteral("warning"), walk.CurrentName(), warning);
+    } else if (line.plain.startsWith(kPhaseLine)) {
+        log.Event(QStringLiteral("install"), walk.CurrentName(), line.text.trimmed(),
                   {{QStringLiteral("state"), QStringLiteral("phase")}});
-}
-
-void DlrUnattended::installerError(QProcess::ProcessError error)
-{
-    if (error != QProcess::FailedToStart)
-        return; // finished() follows and reports it
-    const QString why = installer->errorString();
-    // This runs inside the process object's start(): it must outlive it.
-    installer.release()->deleteLater();
-    installEnded(false, QStringLiteral("could not start the installer through the helper: ") + why);
-}
-
-void DlrUnattended::installerFinished()
-{
-    // Not deleted inside its own signal.
-    installer.release()->deleteLater();
-    installEnded(installSucceeded, installerReason.isEmpty()
-                                       ? QStringLiteral("the installer ended without reporting success")
-                                       : installerReason);
-}
-
-void DlrUnattended::installEnded(bool success, const QString& reason)
-{
-    if (success) {
-        ++installed;
-        unverified += installUnverified ? 1 : 0;
-        log.Event(QStringLiteral("install"), currentName(),
-                  installUnverified ? QStringLiteral("installed, unverified") : QStringLiteral("installed"),
-                  {{QStringLiteral("state"), QStringLiteral("installed")}, {QStringLiteral("verified"), !installUnverified}});
-    } else {
-        ++notInstalled;
-        log.Event(QStringLiteral("install"), currentName(), QStringLiteral("failed: ") + reason,
-                  {{QStringLiteral("state"), QStringLiteral("failed")}, {QStringLiteral("reason"), reason}});
     }
-    nextProduct();
-}
-
-void DlrUnattended::nextProduct()
-{
-    ++position;
-    retries = 0;
-    QTimer::singleShot(1, this, &DlrUnattended::startDownload);
 }
 
 void DlrUnattended::summarize()

@@ -1,18 +1,16 @@
 #pragma once
 
 #include "DlrExitStatus.h"
+#include "DlrProductWalk.h"
 #include "DlrSelectionRules.h"
 #include "DlrUnattendedLog.h"
 
 #include <QElapsedTimer>
 #include <QList>
 #include <QObject>
-#include <QProcess>
 #include <QSslError>
 
-#include <memory>
-
-class DlrOSXProcess;
+struct DlrInstallerLine;
 
 // Called first thing in main: a run without a window (unattended, or just
 // the usage text) needs no display.
@@ -43,37 +41,26 @@ private slots:
     void run();
     void validManifest();
     void invalidManifest(const QString& reason);
-    void downloadCompleted(int manifestIndex);
-    void downloadFailed(const QString& reason, int manifestIndex);
+    void downloadFailed(const QString& reason);
     void downloadProgress(qint64 received, qint64 total);
-    void startDownload();
-    void installerOutput();
-    void installerError(QProcess::ProcessError error);
-    void installerFinished();
+    void installerLine(const DlrInstallerLine& line);
+    void productEnded(const DlrProductWalk::Result& result);
 
 private:
     // The offers to take, in order; false with the first unknown name.
     bool pickOffers(QString& unknown);
     bool enoughSpace();
-    void install();
-    void installEnded(bool success, const QString& reason);
-    void nextProduct();
     void summarize();
     void end(DlrExitStatus outcome);
-    int currentIndex() const;
-    QString currentName() const;
 
     DlrUnattendedLog log;
     DlrSelectionRules rules;
     QList<int> picked;
-    int position = -1;
-    int retries = 0;
+    DlrProductWalk walk;
+    int retries = 0; // of the current product's download
     QString noInstaller; // why packages are only downloaded; empty: installed
     QElapsedTimer sinceProgress;
-    std::unique_ptr<DlrOSXProcess> installer;
-    bool installSucceeded = false;
     bool installUnverified = false; // the installer warned it checked no signature
-    QString installerReason;
 
     int installed = 0;
     int unverified = 0; // of those installed

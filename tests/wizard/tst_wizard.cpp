@@ -21,6 +21,8 @@
 #include "DlrInstallerLine.h"
 #include "DlrNetworkError.h"
 #include "DlrPlatform.h"
+#include "DlrProductWalk.h"
+#include "InstallerOutput.h"
 #include "OfferTree.h"
 
 #include <QtWidgets>
@@ -932,6 +934,113 @@ private slots:
         QCOMPARE(user.texts, QStringList{"There Was An Error Downloading"});
         QCOMPARE(user.informative, QStringList{"While processingProduct Busy. If this error persists contact "
                                                "customer support. Press Ok to exit the application"});
+    }
+
+    // The walk itself, its steps replaced: each product "<file> <download>
+    // <install>", where a download is ok, disk (complete before the walk),
+    // flaky (fails once), fail (always) or refused (cannot start), and an
+    // install ends in success, failure, silence, or nostart. The driver
+    // retries a failed download once.
+    void productWalk_data()
+    {
+        QTest::addColumn<QStringList>("products");
+        QTest::addColumn<QString>("cannotInstall");
+        QTest::addColumn<QStringList>("outcomes");
+        QTest::addColumn<int>("fetches");
+        QTest::newRow("nothing chosen") << QStringList() << QString() << QStringList() << 0;
+        QTest::newRow("package and file") << QStringList{"A.pkg ok success", "B.zip ok"} << QString()
+                                          << QStringList{"Installed", "DownloadedOnly"} << 2;
+        QTest::newRow("on disk, not fetched") << QStringList{"A.pkg disk success"} << QString()
+                                              << QStringList{"Installed"} << 0;
+        QTest::newRow("retried") << QStringList{"A.pkg flaky success"} << QString() << QStringList{"Installed"} << 2;
+        QTest::newRow("given up, next goes on")
+            << QStringList{"A.pkg fail", "B.pkg refused", "C.pkg ok success"} << QString()
+            << QStringList{"DownloadFailed:no route", "DownloadFailed", "Installed"} << 4;
+        QTest::newRow("installer verdicts")
+            << QStringList{"A.pkg ok failure", "B.pkg ok silence", "C.pkg disk nostart", "D.PKG ok"} << QString()
+            << QStringList{"InstallFailed:disk full", "InstallFailed", "InstallerNotStarted:no helper", "DownloadedOnly"}
+            << 3;
+        QTest::newRow("no installer") << QStringList{"A.pkg ok success", "B.zip disk"} << "no helper here"
+                                      << QStringList{"NotInstalled:no helper here", "DownloadedOnly"} << 1;
+    }
+
+    void productWalk()
+    {
+        QFETCH(QStringList, products);
+        QFETCH(QString, cannotInstall);
+        QFETCH(QStringList, outcomes);
+        QFETCH(int, fetches);
+        DlrApp* app = dlrApp();
+        app->manifest.clear();
+        app->downloadIndices.clear();
+        QHash<int, QStringList> plan;
+        for (const QString& product : qAsConst(products)) {
+            const QStringList words = product.split(' ');
+            DlrManifestElement offer;
+            offer.Name = words.at(0);
+            offer.FileSize = 10;
+            if (words.at(1) == "disk")
+                QVERIFY(ProductTree(downloads).file(offer.Name, QByteArray(10, 'x')));
+            plan.insert(app->manifest.size(), words);
+            app->downloadIndices << app->manifest.size();
+            app->manifest << offer;
+        }
+        DlrProductWalk walk;
+        walk.cannotInstall = cannotInstall;
+        int fetched = 0;
+        walk.download = [&](int index) {
+            ++fetched;
+            const QString how = plan[index].at(1);
+            if (how == "refused")
+                return false;
+            const bool fails = how == "fail" || (how == "flaky" && fetched == 1);
+            QTimer::singleShot(0, app, [app, index, fails, this] {
+                if (fails) {
+                    emit app->failedDownload("no route", index);
+                    return;
+                }
+                DlrManifestElement& offer = app->manifest[index];
+                QVERIFY(ProductTree(downloads).file(offer.Name, QByteArray(10, 'x')));
+                offer.downloadFile = QSharedPointer<QFile>::create(downloads + '/' + offer.Name);
+                emit app->finishedDownload(index);
+            });
+            return true;
+        };
+        walk.install = [&](const QString&) {
+            const QString how = plan[walk.CurrentIndex()].value(2);
+            if (how == "nostart") {
+                walk.InstallerCannotStart("no helper");
+                return;
+            }
+            QTimer::singleShot(0, &walk, [&walk, how] {
+                walk.InstallerOutput("installer:%50");
+                if (how == "success")
+                    walk.InstallerOutput(InstallerOutput::kSuccess);
+                if (how == "failure")
+                    walk.InstallerOutput(QByteArray(InstallerOutput::kFailure) + "disk full");
+                walk.InstallerEnded(0, QProcess::NormalExit);
+            });
+        };
+        bool retried = false;
+        connect(&walk, &DlrProductWalk::downloadFailed, &walk, [&](const QString& reason) {
+            if (retried)
+                walk.GiveUp(reason);
+            else
+                walk.Retry();
+            retried = true;
+        });
+        QStringList ended;
+        connect(&walk, &DlrProductWalk::productEnded, &walk, [&](const DlrProductWalk::Result& result) {
+            retried = false;
+            ended << QMetaEnum::fromType<DlrProductWalk::Outcome>().valueToKey(result.outcome)
+                         + (result.reason.isEmpty() ? QString() : ':' + result.reason);
+        });
+        QSignalSpy finished(&walk, &DlrProductWalk::finished);
+        walk.Start();
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 5000);
+        QCOMPARE(ended, outcomes);
+        QCOMPARE(fetched, fetches);
+        QCOMPARE(walk.Position(), -1);
     }
 };
 
