@@ -4,7 +4,7 @@
 #include "DlrExitStatus.h"
 #include "DlrHumanBytes.h"
 #include "DlrMachineAssay.h"
-#include "DlrProductWalk.h"
+#include "DlrFreeSpace.h"
 
 #include <QCheckBox>
 #include <QDebug>

@@ -1,6 +1,7 @@
 #include "DlrUnattended.h"
 
 #include "DlrApp.h"
+#include "DlrFreeSpace.h"
 #include "DlrHumanBytes.h"
 #include "DlrInstallerLine.h"
 #include "DlrMachineAssay.h"
