@@ -27,7 +27,7 @@ int openOneFolder(int base, const std::string& name)
 
 } // namespace
 
-Descriptor openFolderBeneath(int base, const std::string& path, bool create)
+Descriptor openFolderBeneath(int base, const std::string& path, bool create, mode_t mode)
 {
     Descriptor current(::fcntl(base, F_DUPFD_CLOEXEC, 0));
     size_t start = 0;
@@ -39,7 +39,7 @@ Descriptor openFolderBeneath(int base, const std::string& path, bool create)
         start = end + 1;
         int next = openOneFolder(current.get(), name);
         if (next < 0 && errno == ENOENT && create
-            && (::mkdirat(current.get(), name.c_str(), 0700) == 0 || errno == EEXIST))
+            && (::mkdirat(current.get(), name.c_str(), mode) == 0 || errno == EEXIST))
             next = openOneFolder(current.get(), name);
         current = Descriptor(next);
     }

@@ -8,13 +8,14 @@
 #include "Descriptor.h"
 
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 // The folder `path` (normalised, relative; "" is `base` itself) below
-// `base`. With `create`, missing folders are made, mode 0700. An invalid
+// `base`. With `create`, missing folders are made with `mode`. An invalid
 // descriptor with errno set when a component is missing, is not a folder, or is
 // a link.
-Descriptor openFolderBeneath(int base, const std::string& path, bool create);
+Descriptor openFolderBeneath(int base, const std::string& path, bool create, mode_t mode = 0700);
 
 // The names in an open folder but "." and "..", sorted.
 std::vector<std::string> listFolder(int folder);

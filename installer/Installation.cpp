@@ -1,6 +1,8 @@
 #include "Installation.h"
 
 #include "Beneath.h"
+#include "Books.h"
+#include "Journal.h"
 #include "Mover.h"
 #include "PackageFile.h"
 #include "PackageReader.h"
@@ -8,15 +10,17 @@
 #include "TrustedKeys.h"
 #include "Unpacker.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace {
 
@@ -85,59 +89,85 @@ void checkSpace(int target, const std::string& folder, const PackageIndex& index
         throw Refused("not enough free inodes in " + folder + " for the package's entries");
 }
 
-// A fresh, private folder in the target, removed again however the
-// installation ends.
-class Staging
+// The receipt's index: every path as installed, sorted; folders with the
+// mode they got, files without set-id bits, hard links as their files.
+std::vector<char> installedIndex(const PackageContents& contents)
 {
-public:
-    explicit Staging(int target) : target(target)
-    {
-        for (int attempt = 0; attempt < 16 && !folder.valid(); ++attempt) {
-            unsigned char random[6];
-            if (::getrandom(random, sizeof random, 0) != sizeof random)
-                throw Refused(withSystemError("cannot name a staging folder", errno));
-            char text[32];
-            std::snprintf(text, sizeof text, ".vlum-install-%02x%02x%02x%02x%02x%02x", random[0], random[1],
-                          random[2], random[3], random[4], random[5]);
-            if (::mkdirat(target, text, 0700) != 0) {
-                if (errno == EEXIST)
-                    continue;
-                throw Refused(withSystemError("cannot make a staging folder in the target", errno));
-            }
-            name = text;
-            folder = openFolderBeneath(target, name, false);
-            if (!folder.valid())
-                throw Refused(withSystemError("cannot open the staging folder", errno));
+    std::unordered_map<std::string_view, const IndexRow*> files;
+    std::vector<IndexRow> rows;
+    for (const IndexRow& row : contents.index.rows) {
+        if (row.type == EntryType::Folder)
+            continue;
+        IndexRow installed = row;
+        if (row.type == EntryType::Hardlink) {
+            installed = *files.at(row.link);
+            installed.path = row.path;
         }
-        if (!folder.valid())
-            throw Refused("cannot make a staging folder in the target");
+        if (installed.type == EntryType::File) {
+            files[row.path] = &row;
+            installed.mode &= 0777;
+        }
+        rows.push_back(installed);
     }
-    ~Staging()
-    {
-        if (!name.empty())
-            removeTree(target, name);
+    for (const auto& [path, mode] : contents.folders) {
+        IndexRow folder;
+        folder.type = EntryType::Folder;
+        folder.mode = mode;
+        folder.path = path;
+        rows.push_back(folder);
     }
-    Staging(const Staging&) = delete;
-    Staging& operator=(const Staging&) = delete;
+    std::sort(rows.begin(), rows.end(), [](const IndexRow& a, const IndexRow& b) { return a.path < b.path; });
+    return PackageIndex::compose(contents.index.info, rows);
+}
 
-    int get() const { return folder.get(); }
+// The paths every other package's receipt lists.
+Owners othersOf(const Books& books, const std::string& identifier)
+{
+    Owners owners;
+    for (const std::string& other : books.identifiers()) {
+        if (other == identifier)
+            continue;
+        const std::optional<Receipt> receipt = books.read(other);
+        for (const IndexRow& row : receipt->index.rows)
+            owners.emplace(std::string(row.path), Owner{other, row.type == EntryType::Folder});
+    }
+    return owners;
+}
 
-private:
-    int target;
-    std::string name;
-    Descriptor folder;
-};
+// Every staged folder's names on the disk.
+void syncFolders(int staging, const PackageContents& contents)
+{
+    for (const auto& [path, mode] : contents.folders) {
+        const Descriptor folder = openFolderBeneath(staging, path, false);
+        if (!folder.valid() || ::fsync(folder.get()) != 0)
+            throw Refused(withSystemError("cannot write the staged " + path + " to disk", errno));
+    }
+    if (::fsync(staging) != 0)
+        throw Refused(withSystemError("cannot write the staged files to disk", errno));
+}
 
 } // namespace
+
+Target::Target(const std::string& path)
+    : shown(targetFolder(path)), folder(::open(shown.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+{
+    if (!folder.valid())
+        throw Refused("no such target folder: " + shown);
+    books = std::make_unique<Books>(folder.get(), shown);
+    journal = std::make_unique<Journal>(folder.get(), *books, shown);
+    interrupted = journal->recover();
+}
+
+Target::~Target() = default;
 
 void install(const CommandLine& line, const Progress& progress)
 {
     progress.phase(ellipsis("Preparing for installation"));
     progress.percent(0);
-    const std::string folder = targetFolder(line.target);
-    const Descriptor target(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!target.valid())
-        throw Refused("no such target folder: " + folder);
+    Target target(line.target);
+    const std::string& folder = target.shown;
+    if (target.interrupted)
+        progress.status("Completed an interrupted installation in " + folder);
 
     progress.status(ellipsis("Checking the package"));
     const std::string& package = line.package;
@@ -156,20 +186,30 @@ void install(const CommandLine& line, const Progress& progress)
     progress.note("Package name is " + index.identifier + " " + index.version);
     progress.note("Installing at base path " + folder);
     progress.percent(5);
-    checkSpace(target.get(), folder, index);
-    const Mover mover(target.get(), folder);
-    mover.check(contents);
+
+    Books::checkIdentifier(index.identifier);
+    const std::optional<Receipt> old = target.books->read(index.identifier);
+    if (old && compareVersions(old->index.version, index.version) > 0)
+        throw Refused(index.identifier + " " + old->index.version + " is installed; " + index.version
+                      + " is older and is not installed over it");
+    const Owners others = othersOf(*target.books, index.identifier);
+    checkSpace(target.folder.get(), folder, index);
+    const Mover mover(target.folder.get(), folder);
+    mover.check(contents, others);
 
     progress.phase(ellipsis("Validating packages"));
     progress.percent(10);
-    {
-        const Staging staging(target.get());
-        progress.phase(ellipsis("Installing " + index.identifier));
-        Unpacker(staging.get(), progress).unpack(archive, contents);
-        progress.phase(ellipsis("Moving items into place"));
-        mover.move(staging.get());
-        progress.percent(95);
-    }
+    const int staging = target.journal->begin();
+    progress.phase(ellipsis("Installing " + index.identifier));
+    Unpacker(staging, progress).unpack(archive, contents);
+    syncFolders(staging, contents);
+    target.books->prepare(index.identifier,
+                          Receipt::compose(contents.signer, std::int64_t(std::time(nullptr)), installedIndex(contents)));
+    progress.phase(ellipsis("Moving items into place"));
+    std::vector<Step> steps = mover.plan(staging, contents, old ? &old->index : nullptr, others);
+    steps.push_back(Step{Step::Commit, false, 0, 0, index.identifier});
+    target.journal->commit(steps);
+    progress.percent(95);
     progress.phase(ellipsis("Finishing the Installation"));
     progress.percent(100);
     progress.phase("The software was successfully installed.");

@@ -1,6 +1,7 @@
 #include "PackageIndex.h"
 
 #include "Limits.h"
+#include "Record.h"
 #include "Refused.h"
 
 #include <QByteArray>
@@ -14,38 +15,6 @@ namespace {
 constexpr std::string_view kTag = "velluma-pkg-index-1\n";
 // type, mode, size, sha256 and the two lengths.
 constexpr size_t kFixedRowBytes = 1 + 2 + 8 + 32 + 2 + 2;
-
-[[noreturn]] void malformed(const std::string& why)
-{
-    throw Refused("malformed index: " + why);
-}
-
-class Cursor
-{
-public:
-    explicit Cursor(const std::vector<char>& bytes) : at(bytes.data()), end(bytes.data() + bytes.size()) {}
-
-    size_t left() const { return size_t(end - at); }
-    std::string_view take(size_t size)
-    {
-        if (size > left())
-            malformed("it ends in the middle of a field");
-        const std::string_view taken(at, size);
-        at += size;
-        return taken;
-    }
-    std::uint64_t number(int bytes)
-    {
-        std::uint64_t value = 0;
-        for (const char byte : take(size_t(bytes)))
-            value = value << 8 | static_cast<unsigned char>(byte);
-        return value;
-    }
-
-private:
-    const char* at;
-    const char* end;
-};
 
 // <pkg-info identifier=".." version=".."/>, as on macOS.
 void readPackageInfo(std::string_view text, PackageIndex& index)
@@ -86,7 +55,7 @@ EntryType typeOf(char code)
 void checkPath(std::string_view path, const char* what)
 {
     if (normalizedName(path) != path || path.empty())
-        malformed(std::string(what) + " not in plain form: " + std::string(path));
+        throw Refused("malformed index: " + std::string(what) + " not in plain form: " + std::string(path));
 }
 
 } // namespace
@@ -95,13 +64,15 @@ PackageIndex PackageIndex::parse(std::vector<char> bytes)
 {
     PackageIndex index;
     index.bytes = std::move(bytes);
-    Cursor cursor(index.bytes);
+    RecordReader cursor(index.bytes, "index");
+    const auto malformed = [&cursor](const std::string& why) { cursor.malformed(why); };
     if (cursor.take(std::min(cursor.left(), kTag.size())) != kTag)
         malformed("not the layout this installer reads");
     const std::uint64_t infoBytes = cursor.number(4);
     if (infoBytes > limits::kPackageInfoBytes)
         throw Refused("PackageInfo is larger than 64 KiB");
-    readPackageInfo(cursor.take(size_t(infoBytes)), index);
+    index.info = cursor.take(size_t(infoBytes));
+    readPackageInfo(index.info, index);
 
     const std::uint64_t count = cursor.number(4);
     if (count > limits::kEntries)
@@ -151,4 +122,24 @@ PackageIndex PackageIndex::parse(std::vector<char> bytes)
     if (cursor.left() != 0)
         malformed("bytes after its last row");
     return index;
+}
+
+std::vector<char> PackageIndex::compose(std::string_view info, const std::vector<IndexRow>& rows)
+{
+    static const unsigned char noDigest[32] = {};
+    RecordWriter out;
+    out.bytes(kTag);
+    out.text(info, 4);
+    out.number(rows.size(), 4);
+    for (const IndexRow& row : rows) {
+        out.bytes(std::string_view(row.type == EntryType::File ? "f"
+                                   : row.type == EntryType::Folder ? "d"
+                                   : row.type == EntryType::Symlink ? "l" : "h", 1));
+        out.number(row.mode, 2);
+        out.number(row.size, 8);
+        out.bytes(std::string_view(reinterpret_cast<const char*>(row.sha256 ? row.sha256 : noDigest), 32));
+        out.text(row.path, 2);
+        out.text(row.link, 2);
+    }
+    return std::move(out.out);
 }

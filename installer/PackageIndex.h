@@ -63,7 +63,12 @@ public:
     PackageIndex(const PackageIndex&) = delete;
     PackageIndex& operator=(const PackageIndex&) = delete;
 
+    // The layout above for `rows` (sha256 may be null for non-files).
+    static std::vector<char> compose(std::string_view info, const std::vector<IndexRow>& rows);
+
     std::string_view text() const { return {bytes.data(), bytes.size()}; }
+
+    std::string_view info; // PackageInfo's text
 
     std::string identifier;
     std::string version;

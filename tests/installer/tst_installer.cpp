@@ -11,9 +11,12 @@
 #include "DlrPlatform.h"
 
 #include <QDirIterator>
+#include <QElapsedTimer>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QtTest>
 
+#include <csignal>
 #include <sys/stat.h>
 
 namespace {
@@ -23,7 +26,8 @@ const QString kMakeTestPkg = QStringLiteral(VLUM_SOURCE_DIR "/tests/fixtures/mak
 
 // Every path below `root` with, for files, their content and, for links,
 // where they lead from `root` ("../" first when out of it): two equal
-// snapshots mean nothing was written, moved or left behind.
+// snapshots mean nothing was written, moved or left behind. Receipts hold
+// the time they were written: only their names count.
 QStringList snapshot(const QString& root)
 {
     const QDir top(QFileInfo(root).canonicalFilePath());
@@ -36,7 +40,8 @@ QStringList snapshot(const QString& root)
         QString entry = top.relativeFilePath(info.filePath());
         if (info.isSymLink())
             entry += QStringLiteral(" -> ") + top.relativeFilePath(info.canonicalFilePath());
-        else if (info.isFile() && file.open(QIODevice::ReadOnly))
+        else if (info.isFile() && !entry.startsWith(QLatin1String("var/lib/velluma/receipts/"))
+                 && file.open(QIODevice::ReadOnly))
             entry += QStringLiteral(" = ") + QString::fromLocal8Bit(file.readAll());
         entries << entry;
     }
@@ -90,6 +95,61 @@ class TestInstaller : public QObject
         return run(QStringList{kInstaller} + DlrPlatform::PackageInstallerArguments(package), environment, output);
     }
 
+    // Kills the installation of `package` over the old version in `root`,
+    // each time on a fresh copy, at random moments from its start to past
+    // its end; the next run of the installer (a query) then finds the
+    // product and its receipt wholly old or wholly new, and nothing else
+    // left.
+    void killAtRandomMoments(const QString& root, const QString& package, const QStringList& environment)
+    {
+        const QString copy = root + QStringLiteral("-copy");
+        const auto state = [&] {
+            QByteArray books;
+            run({kInstaller, "-pkgs"}, withRoot(environment, copy), &books);
+            return snapshot(copy) << QString::fromUtf8(books);
+        };
+        const auto copyOld = [&] {
+            QDir(copy).removeRecursively();
+            return run({"cp", "-a", root, copy}) == 0;
+        };
+        QVERIFY(copyOld());
+        const QStringList old = state();
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(install(package, withRoot(environment, copy)), 0);
+        const qint64 took = clock.elapsed() + 20;
+        const QStringList upgraded = state();
+        int kills = 0;
+        int mixed = 0;
+        int leftovers = 0;
+        for (int attempt = 0; attempt < 40; ++attempt) {
+            QVERIFY(copyOld());
+            QProcess installer;
+            installer.setProcessEnvironment(withEntries(QProcessEnvironment::systemEnvironment(), withRoot(environment, copy)));
+            installer.start(kInstaller, DlrPlatform::PackageInstallerArguments(package));
+            QVERIFY(installer.waitForStarted());
+            QThread::usleep(QRandomGenerator::global()->bounded(quint32(took * 1000)));
+            if (installer.state() == QProcess::Running)
+                ::kill(pid_t(installer.processId()), SIGKILL);
+            QVERIFY(installer.waitForFinished());
+            kills += installer.exitStatus() == QProcess::CrashExit;
+            const QStringList after = state();
+            const auto product = [](const QStringList& entries) { return entries.filter(QRegularExpression("^opt/")); };
+            mixed += product(after) != product(old) && product(after) != product(upgraded);
+            leftovers += after != old && after != upgraded;
+        }
+        qInfo("%d kills: %d mixed trees, %d with something left over or books out of step", kills, mixed, leftovers);
+        tally.Add(kills, mixed + leftovers);
+        QVERIFY(kills > 0);
+        QCOMPARE(mixed + leftovers, 0);
+        QDir(copy).removeRecursively();
+    }
+
+    static QStringList withRoot(QStringList environment, const QString& root)
+    {
+        return environment.replaceInStrings(QRegularExpression("^VLUM_INSTALL_ROOT=.*"), "VLUM_INSTALL_ROOT=" + root);
+    }
+
 private slots:
     void initTestCase()
     {
@@ -137,7 +197,9 @@ private slots:
                               "opt/Oktavo/Test", "opt/Oktavo/Test/" + QString("a-name-long-enough-for-an-extended-header-").repeated(3) + " = long\n",
                               "opt/Oktavo/Test/first = signed content\n",
                               "opt/Oktavo/Test/link -> opt/Oktavo/Test/first",
-                              "opt/Oktavo/Test/tool = #!/bin/sh\necho tool\n"}));
+                              "opt/Oktavo/Test/tool = #!/bin/sh\necho tool\n", "var", "var/lib", "var/lib/velluma",
+                              "var/lib/velluma/lock = ", "var/lib/velluma/receipts",
+                              "var/lib/velluma/receipts/com.oktavo.test"}));
         QVERIFY(QFileInfo(root.filePath(QStringLiteral("opt/Oktavo/Test/tool"))).isExecutable());
     }
 
@@ -149,9 +211,11 @@ private slots:
         QTest::addColumn<QStringList>("installedFirst"); // whatever becomes of them
         QTest::addColumn<QString>("path"); // installed with `mode`; "" when refused
         QTest::addColumn<int>("mode");
+        QTest::addColumn<QString>("during"); // "locked": another holds the target; "killed": see install()
         const auto row = [](const char* tag, const QString& kind, const QString& keys, const QByteArray& line,
-                            const QString& path = QString(), int mode = 0, const QStringList& first = {}) {
-            QTest::newRow(tag) << kind << keys << line << first << path << mode;
+                            const QString& path = QString(), int mode = 0, const QStringList& first = {},
+                            const QString& during = QString()) {
+            QTest::newRow(tag) << kind << keys << line << first << path << mode << during;
         };
         // make-test-pkg's refused kinds, then the keys' own refusals.
         QByteArray kinds;
@@ -162,6 +226,8 @@ private slots:
         }
         row("unsigned, a key trusted", "unsigned", "demo", "unsigned");
         row("key folder anyone may write to", "signed", "loose", "writable by no one else");
+        row("another installation holds the target", "signed", "demo", "another installation is in progress", {}, 0, {},
+            "locked");
         // Installed, with the line that says how; modes from the package
         // less set-id and sticky bits; one line per event whatever the names
         // hold.
@@ -176,6 +242,14 @@ private slots:
         row("folder: its mode, no set-gid or sticky bit", "set-id", "none", success, test + "shared", 0750);
         row("control characters in a name, escaped", "control-name", "none",
             "installer:STATUS:Writing opt/Oktavo/Test/two\\nlines\\x1b[0m\xe2\x80\xa6\n", test + "two\nlines\x1b[0m", 0644);
+        // Over an earlier version: as if installed alone, whatever the old one had is gone.
+        row("upgrade: the old version's other files removed", "newer", "demo", success, test + "added", 0644, {"signed"});
+        row("the same version again: a repair", "signed", "demo", success, test + "tool", 0755, {"signed"});
+        row("22.10 over 22.9", "version-22.10", "demo", success, test + "tool", 0755, {"version-22.9"});
+        row("22.0 over 22", "version-22.0", "demo", success, test + "tool", 0755, {"version-22"});
+        // Killed at random moments first, each time on a copy of the old version.
+        row("upgrade killed at random moments", "many-2", "none", success, test + "data/20/file609", 0644, {"many-1"},
+            "killed");
         // The signed package spelled otherwise: installed exactly as signed.
         for (const char* kind : {"same-pax-headers", "same-gnu-names", "same-gzip-members"})
             row(kind, kind, "demo", success, test + "tool", 0755);
@@ -192,17 +266,28 @@ private slots:
         QFETCH(QStringList, installedFirst);
         QFETCH(QString, path);
         QFETCH(int, mode);
+        QFETCH(QString, during);
         QTemporaryDir box;
         const QString root = box.filePath(QStringLiteral("root"));
         QVERIFY(writeFile(root + QStringLiteral("/opt/keep"), "kept\n"));
         for (const QString& earlier : installedFirst)
             install(makePackage(earlier), environment(root, keys));
+        QCOMPARE(run({kInstaller, "-pkgs"}, environment(root, keys)), 0); // the books made
         const QStringList before = snapshot(root);
         const QString package = makePackage(kind);
         QVERIFY(!package.isEmpty());
 
+        QProcess holder; // holds the target's lock
+        if (during == QLatin1String("locked")) {
+            holder.start("flock", {"-x", root + "/var/lib/velluma/lock", "-c", "echo held; exec sleep 60"});
+            QVERIFY(holder.waitForReadyRead(10000));
+        }
+        if (during == QLatin1String("killed"))
+            killAtRandomMoments(root, package, environment(root, keys));
         QByteArray output;
-        const int status = install(package, environment(root, keys), &output);
+        const int status = install(package, environment(root, keys) << "VLUM_INSTALLER_LOCK_WAIT=0.5", &output);
+        holder.kill();
+        holder.waitForFinished();
         const QList<QByteArray> lines = output.trimmed().split('\n');
         for (const QByteArray& each : lines)
             QVERIFY2(each.startsWith("installer:"), each.constData());
@@ -213,11 +298,13 @@ private slots:
             struct stat info;
             QCOMPARE(::lstat(QFile::encodeName(root + QLatin1Char('/') + path).constData(), &info), 0);
             QCOMPARE(int(info.st_mode & 07777), mode);
-            if (kind.startsWith(QLatin1String("same-"))) {
-                const QString signedRoot = box.filePath(QStringLiteral("signed"));
-                QVERIFY(writeFile(signedRoot + QStringLiteral("/opt/keep"), "kept\n"));
-                QCOMPARE(install(makePackage(QStringLiteral("signed")), environment(signedRoot, keys)), 0);
-                QCOMPARE(snapshot(root), snapshot(signedRoot));
+            // As the signed package (or this one) alone leaves a target.
+            if (kind.startsWith(QLatin1String("same-")) || !installedFirst.isEmpty()) {
+                const QString alone = box.filePath(QStringLiteral("alone"));
+                QVERIFY(writeFile(alone + QStringLiteral("/opt/keep"), "kept\n"));
+                const QString like = kind.startsWith(QLatin1String("same-")) ? QStringLiteral("signed") : kind;
+                QCOMPARE(install(makePackage(like), environment(alone, keys)), 0);
+                QCOMPARE(snapshot(root), snapshot(alone));
             }
             return;
         }
@@ -249,7 +336,7 @@ private slots:
         QByteArray output;
         QCOMPARE(run({"bash", "-c", rewrite, kInstaller, makePackage("unsigned"), makePackage("set-id")}, env, &output), 0);
         QVERIFY2(output.contains("installer: Package name is com.oktavo.test 1.0\ninstaller: Installing"), output.constData());
-        QCOMPARE(snapshot(root.path()), (QStringList{"opt", "opt/Oktavo", "opt/Oktavo/Test",
+        QCOMPARE(snapshot(root.path()).filter(QRegularExpression("^opt")), (QStringList{"opt", "opt/Oktavo", "opt/Oktavo/Test",
                                                      "opt/Oktavo/Test/first = written before the bad entry"}));
         const QString fromNull = QStringLiteral("exec \"$0\" -verboseR -target / -package /nowhere/named.pkg 3</dev/null");
         QCOMPARE(run({"/bin/sh", "-c", fromNull, kInstaller}, env, &output), 1);
