@@ -7,7 +7,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <vector>
@@ -23,6 +25,10 @@ enum { VersionRequest = 66001, OpenFileRequest = 66002, ExecuteRequest = 66003 }
 // that tells it so.
 constexpr int kPackageFd = 3;
 constexpr char kPackageFdVariable[] = "VLUM_PACKAGE_FD=3";
+
+// Installers that run as root at once: one per user, and a few in all, so
+// that clients that ask and leave cannot pile them up.
+constexpr size_t kMaxInstallers = 4;
 
 QByteArray resolved(const QByteArray& path)
 {
@@ -78,7 +84,7 @@ DlrdMessage refused(const QString& why)
 
 } // namespace
 
-bool DlrHelperRequests::Answer(const DlrdMessage& request, uid_t uid, DlrdMessage& reply, QString& why) const
+bool DlrHelperRequests::Answer(const DlrdMessage& request, uid_t uid, DlrdMessage& reply, QString& why)
 {
     if (!request.Has("message", DlrdMessage::Int64Kind)) {
         why = QStringLiteral("no integer \"message\"");
@@ -161,8 +167,24 @@ QString DlrHelperRequests::refusal(const QList<QByteArray>& argv) const
     return QString();
 }
 
-DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv, uid_t uid) const
+void DlrHelperRequests::Reap()
 {
+    int status = 0;
+    for (pid_t pid; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;) {
+        if (running.erase(pid) != 0)
+            syslog(LOG_NOTICE, "installer pid %d ended (%s %d)", int(pid),
+                   WIFSIGNALED(status) ? "signal" : "status",
+                   WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
+    }
+}
+
+DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv, uid_t uid)
+{
+    // Judged before anything is opened or started.
+    if (std::any_of(running.begin(), running.end(), [uid](const auto& entry) { return entry.second == uid; }))
+        return refused(QStringLiteral("an installation for this user is already running"));
+    if (running.size() >= kMaxInstallers)
+        return refused(QStringLiteral("too many installations are running"));
     QString why = refusal(argv);
     if (!why.isEmpty())
         return refused(why);
@@ -237,10 +259,14 @@ DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv, uid_t uid)
     ::close(status[0]);
     if (n > 0) {
         ::close(output[0]);
+        // It ends at once, having said why: collected here, never counted.
+        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
         return refused(QStringLiteral("could not run %1: %2")
                            .arg(QString::fromUtf8(argv.first()), QString::fromLocal8Bit(std::strerror(childError))));
     }
 
+    running.emplace(pid, uid);
     syslog(LOG_NOTICE, "running %s on %s as pid %d", options.installer.constData(), argv.last().constData(), int(pid));
     DlrdMessage reply;
     reply.SetInt64("childpid", pid);
