@@ -2,12 +2,12 @@
 
 #include "DlrHelperFiles.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <syslog.h>
