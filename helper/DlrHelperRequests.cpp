@@ -2,6 +2,8 @@
 
 #include "DlrHelperFiles.h"
 
+#include <QFile>
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -29,6 +31,20 @@ constexpr char kPackageFdVariable[] = "VLUM_PACKAGE_FD=3";
 // Installers that run as root at once: one per user, and a few in all, so
 // that clients that ask and leave cannot pile them up.
 constexpr size_t kMaxInstallers = 4;
+
+// Whether `pid` is on its way out: its output is closed by then, and a
+// client that saw the end may ask again before the end is collected.
+bool exiting(pid_t pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return true;
+    const QByteArray text = stat.readAll();
+    // After the name in parentheses: state, ppid, pgrp, session, tty, tpgid, flags.
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    constexpr qulonglong kExiting = 0x4; // PF_EXITING
+    return fields.size() < 7 || fields[0] == "Z" || fields[0] == "X" || (fields[6].toULongLong() & kExiting) != 0;
+}
 
 QByteArray resolved(const QByteArray& path)
 {
@@ -181,6 +197,9 @@ void DlrHelperRequests::Reap()
 DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv, uid_t uid)
 {
     // Judged before anything is opened or started.
+    Reap();
+    for (auto it = running.begin(); it != running.end();)
+        it = exiting(it->first) ? running.erase(it) : std::next(it);
     if (std::any_of(running.begin(), running.end(), [uid](const auto& entry) { return entry.second == uid; }))
         return refused(QStringLiteral("an installation for this user is already running"));
     if (running.size() >= kMaxInstallers)
