@@ -2,12 +2,16 @@
 
 #include "DlrHelperFiles.h"
 
+#include <QFile>
+
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <vector>
@@ -23,6 +27,24 @@ enum { VersionRequest = 66001, OpenFileRequest = 66002, ExecuteRequest = 66003 }
 // that tells it so.
 constexpr int kPackageFd = 3;
 constexpr char kPackageFdVariable[] = "VLUM_PACKAGE_FD=3";
+
+// Installers that run as root at once: one per user, and a few in all, so
+// that clients that ask and leave cannot pile them up.
+constexpr size_t kMaxInstallers = 4;
+
+// Whether `pid` is on its way out: its output is closed by then, and a
+// client that saw the end may ask again before the end is collected.
+bool exiting(pid_t pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return true;
+    const QByteArray text = stat.readAll();
+    // After the name in parentheses: state, ppid, pgrp, session, tty, tpgid, flags.
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    constexpr qulonglong kExiting = 0x4; // PF_EXITING
+    return fields.size() < 7 || fields[0] == "Z" || fields[0] == "X" || (fields[6].toULongLong() & kExiting) != 0;
+}
 
 QByteArray resolved(const QByteArray& path)
 {
@@ -78,7 +100,7 @@ DlrdMessage refused(const QString& why)
 
 } // namespace
 
-bool DlrHelperRequests::Answer(const DlrdMessage& request, uid_t uid, DlrdMessage& reply, QString& why) const
+bool DlrHelperRequests::Answer(const DlrdMessage& request, uid_t uid, DlrdMessage& reply, QString& why)
 {
     if (!request.Has("message", DlrdMessage::Int64Kind)) {
         why = QStringLiteral("no integer \"message\"");
@@ -161,8 +183,27 @@ QString DlrHelperRequests::refusal(const QList<QByteArray>& argv) const
     return QString();
 }
 
-DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv, uid_t uid) const
+void DlrHelperRequests::Reap()
 {
+    int status = 0;
+    for (pid_t pid; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;) {
+        if (running.erase(pid) != 0)
+            syslog(LOG_NOTICE, "installer pid %d ended (%s %d)", int(pid),
+                   WIFSIGNALED(status) ? "signal" : "status",
+                   WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
+    }
+}
+
+DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv, uid_t uid)
+{
+    // Judged before anything is opened or started.
+    Reap();
+    for (auto it = running.begin(); it != running.end();)
+        it = exiting(it->first) ? running.erase(it) : std::next(it);
+    if (std::any_of(running.begin(), running.end(), [uid](const auto& entry) { return entry.second == uid; }))
+        return refused(QStringLiteral("an installation for this user is already running"));
+    if (running.size() >= kMaxInstallers)
+        return refused(QStringLiteral("too many installations are running"));
     QString why = refusal(argv);
     if (!why.isEmpty())
         return refused(why);
@@ -237,10 +278,14 @@ DlrdMessage DlrHelperRequests::execute(const QList<QByteArray>& argv, uid_t uid)
     ::close(status[0]);
     if (n > 0) {
         ::close(output[0]);
+        // It ends at once, having said why: collected here, never counted.
+        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
         return refused(QStringLiteral("could not run %1: %2")
                            .arg(QString::fromUtf8(argv.first()), QString::fromLocal8Bit(std::strerror(childError))));
     }
 
+    running.emplace(pid, uid);
     syslog(LOG_NOTICE, "running %s on %s as pid %d", options.installer.constData(), argv.last().constData(), int(pid));
     DlrdMessage reply;
     reply.SetInt64("childpid", pid);

@@ -31,8 +31,9 @@ qint64 nowMs()
     return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Written by the signal handler, read by the poll loop.
+// Written by the signal handlers, read by the poll loop.
 int stopPipe[2] = {-1, -1};
+int childPipe[2] = {-1, -1};
 
 void onStop(int)
 {
@@ -41,19 +42,19 @@ void onStop(int)
     errno = saved;
 }
 
-// Children are not waited for by anyone else: the exit status is not part of
-// the conversation, only the end of their output is.
+// The poll loop collects the child: the count of running installers is
+// kept there, not in a signal handler.
 void onChild(int)
 {
     const int saved = errno;
-    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
+    (void)!::write(childPipe[1], "x", 1);
     errno = saved;
 }
 
 void installSignals()
 {
     ::pipe2(stopPipe, O_CLOEXEC | O_NONBLOCK);
+    ::pipe2(childPipe, O_CLOEXEC | O_NONBLOCK);
     struct sigaction action {};
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
@@ -247,6 +248,7 @@ int DlrHelperServer::Run()
         watched.clear();
         watched.push_back({stopPipe[0], POLLIN, 0});
         watched.push_back({listener, POLLIN, 0});
+        watched.push_back({childPipe[0], POLLIN, 0});
         for (const Client& client : clients)
             watched.push_back({client.fd, POLLIN, 0});
         if (::poll(watched.data(), watched.size(), wait) < 0) {
@@ -260,9 +262,15 @@ int DlrHelperServer::Run()
             announceTermination();
             return 0;
         }
-        // Clients first: the list may grow in accept().
+        // Ended installers first, so that their places are free for the
+        // requests read now.
+        char drained[64];
+        while (::read(childPipe[0], drained, sizeof drained) > 0) {
+        }
+        requests.Reap();
+        // Clients next: the list may grow in accept().
         auto it = clients.begin();
-        for (size_t i = 2; i < watched.size(); ++i) {
+        for (size_t i = 3; i < watched.size(); ++i) {
             auto current = it++;
             if (watched[i].revents && !serve(*current)) {
                 ::close(current->fd);

@@ -47,6 +47,7 @@ case "$5" in
   *slow.pkg) echo first; sleep 0.5; i=0
              while [ $i -lt 200 ]; do echo "line $i"; i=$((i+1)); done
              touch "$5.done" ;;
+  *held.pkg) while echo held; do sleep 0.1; done ;;
   *) echo "installing $5"; [ "$VLUM_PACKAGE_FD" = 3 ] && cat <&3 ;;
 esac
 )";
@@ -151,11 +152,12 @@ private slots:
         for (const QString& path : {work.path(), at("allowed"), at("helperclient")})
             QVERIFY(QFile::setPermissions(path, QFile::permissions(path) | QFileDevice::ExeOther));
         // The helper opens each package before it runs the installer on it.
-        for (const char* name : {"x", "ab", "silent", "fails", "stderr", "env", "slow"})
+        for (const char* name : {"x", "ab", "silent", "fails", "stderr", "env", "slow", "held"})
             QVERIFY(writeFile(QFile::decodeName(pkg(name)), ""));
         QVERIFY(daemon.Start(QStringLiteral(VLUM_HELPER), {"--installer", installer, "--allow-folder", at("allowed"),
                                                            "--allow-uid", QString::number(kUser), "--allow-uid",
-                                                           QString::number(kOther)}));
+                                                           QString::number(kOther), "--allow-uid", "4245",
+                                                           "--allow-uid", "4246"}));
         QVERIFY(setOwner(QFileInfo(daemon.SocketPath()).path(), 0, 0701));
         StderrCapture log;
         client = clientOn(daemon.SocketPath()); // also where the process object will find its helper
@@ -283,7 +285,6 @@ private slots:
             << QStringList{"@/installer", "-verboseR", "-target", "/tmp", "-package", "@/x.pkg"} << refused;
         QTest::newRow("not a package") << run("/etc/shadow") << refused;
         QTest::newRow("an option for a package") << run("-file.pkg") << refused;
-        QTest::newRow("program alone") << QStringList{"@/installer"} << refused;
     }
 
     // Through the process object, as the download page runs the installer:
@@ -677,6 +678,12 @@ private slots:
             << other << QStringList{"silent", "10"} << 1 << "dropped";
         QTest::newRow("a user the helper does not serve")
             << uint(kStranger) << QStringList{"hold", "1", "0"} << 1 << "answered=0 refused=1";
+        // Each installer counts until the helper collects it, though its
+        // client left at once: one per user, four in all.
+        QTest::newRow("installations piled up (users 4343 twice, 0, 4245, 4246, 4242)")
+            << 0u << QStringList{"crowd", "@/installer", "@/held.pkg", "4343", "4343", "0", "4245", "4246", "4242"} << 7
+            << "ran, refused: an installation for this user is already running, ran, ran, ran, refused: too many "
+               "installations are running; zombies=0; again: ran";
     }
 
     // Races, floods and stalls from an allowed user, and a user who is not

@@ -10,12 +10,18 @@
 //                                                            connection that never asks
 //   helperclient race <dir> <count> --socket <path>          swaps <dir>/sub with <dir>/evil while
 //                                                            opening below it
+//   helperclient crowd <installer> <package> <uid>... --socket <path>
+//                                                            as root: the installer run for each user in
+//                                                            turn, see crowd()
 //   helperclient serve <how> --socket <path>                 serves one connection at a time until
 //                                                            killed, misbehaving as serveOne says
 
 #include "DlrdWire.h"
 #include "HelperSocket.h"
 
+#include <QVector>
+
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -59,18 +65,76 @@ QByteArray openThroughHelper(int connection, const QByteArray& path, int flags)
     return (flags & O_ACCMODE) == O_WRONLY ? QByteArray("") : readToEnd(fd);
 }
 
-int exec(const char* installer, const char* package)
+// The installer's output, and its `pid`; -1 and the helper's reason when refused.
+int runInstaller(int connection, const char* installer, const char* package, QByteArray& why, qint64& pid)
 {
     DlrdMessage request;
     request.SetInt64("message", 66003);
     request.SetStringArray("argv", {installer, "-verboseR", "-target", "/", "-package", package});
     DlrdMessage reply;
-    if (!ask(connectTo(socketPath), request, reply) || reply.Int64("childpid") < 1) {
-        const QByteArray* why = reply.String("execerror");
-        std::printf("refused: %s\n", why ? why->constData() : "no reply");
+    const bool answered = ask(connection, request, reply);
+    pid = reply.Int64("childpid");
+    if (answered && pid > 0)
+        return reply.DupDescriptor("fd");
+    const QByteArray* text = reply.String("execerror");
+    why = text ? *text : "no reply";
+    return -1;
+}
+
+int exec(const char* installer, const char* package)
+{
+    QByteArray why;
+    qint64 pid = 0;
+    const int output = runInstaller(connectTo(socketPath), installer, package, why, pid);
+    if (output < 0) {
+        std::printf("refused: %s\n", why.constData());
         return 1;
     }
-    std::fputs(readToEnd(reply.DupDescriptor("fd")).constData(), stdout);
+    std::fputs(readToEnd(output).constData(), stdout);
+    return 0;
+}
+
+// As root, for each of `uids` in turn: a connection made as that user asks
+// for the installer and is closed at the reply; the installer's output stays
+// open. Then each installer that ran is killed and waited for until the
+// helper collected it, and the first user asks once more. Prints what each
+// request got on one line, then holds until killed.
+int crowd(const char* installer, const char* package, char** uids, int count)
+{
+    QVector<pid_t> running;
+    const auto askAs = [&](const char* uid) -> QByteArray {
+        // The helper knows a peer by the effective ids it connected with
+        // (the group too: root's group may not reach the socket).
+        const int id = std::atoi(uid);
+        if (::setegid(gid_t(id)) != 0 || ::seteuid(uid_t(id)) != 0)
+            return "no such ids";
+        const int connection = connectTo(socketPath);
+        if (::seteuid(0) != 0 || ::setegid(0) != 0)
+            ::_exit(3);
+        QByteArray why;
+        qint64 pid = 0;
+        const int output = runInstaller(connection, installer, package, why, pid);
+        ::close(connection);
+        if (output < 0)
+            return "refused: " + why;
+        running.append(pid_t(pid));
+        return "ran";
+    };
+    QByteArrayList got;
+    for (int i = 0; i < count; ++i)
+        got << askAs(uids[i]);
+    int zombies = 0;
+    for (const pid_t pid : qAsConst(running)) {
+        ::kill(pid, SIGKILL);
+        int waited = 0;
+        while (::kill(pid, 0) == 0 && ++waited < 100) // a zombie still takes signals
+            ::usleep(100000);
+        zombies += waited == 100 ? 1 : 0;
+    }
+    const QByteArray again = askAs(uids[0]);
+    std::printf("%s; zombies=%d; again: %s\n", got.join(", ").constData(), zombies, again.constData());
+    std::fflush(stdout);
+    ::pause();
     return 0;
 }
 
@@ -201,6 +265,8 @@ int main(int argc, char** argv)
         std::fputs(bytes.isNull() ? "refused\n" : bytes.constData(), stdout);
         return bytes.isNull() ? 1 : 0;
     }
+    if (command == "crowd" && argc > 6)
+        return crowd(argv[2], argv[3], argv + 4, argc - 6);
     if (command == "hold" && two)
         return hold(std::atoi(argv[2]), std::atoi(argv[3]));
     if (command == "race" && two)
