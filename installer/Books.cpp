@@ -118,6 +118,19 @@ std::optional<Receipt> Books::read(const std::string& identifier, bool required)
     return receipt;
 }
 
+Owners Books::others(const std::string& identifier) const
+{
+    Owners owners;
+    for (const std::string& other : identifiers()) {
+        if (other == identifier)
+            continue;
+        const std::optional<Receipt> receipt = read(other, true);
+        for (const IndexRow& row : receipt->index.rows)
+            owners.emplace(std::string(row.path), Owner{other, row.type == EntryType::Folder});
+    }
+    return owners;
+}
+
 void Books::prepare(const std::string& identifier, const std::vector<char>& bytes) const
 {
     writeWhole(receipts.get(), "." + identifier + ".new", bytes, shown + "/receipts");

@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 struct Receipt
@@ -33,6 +34,14 @@ struct Receipt
 
     static std::vector<char> compose(const std::string& signer, std::int64_t time, const std::vector<char>& index);
 };
+
+// Paths receipts list, with the identifier that lists each.
+struct Owner
+{
+    std::string identifier;
+    bool folder = false;
+};
+using Owners = std::unordered_map<std::string, Owner>;
 
 class Books
 {
@@ -51,6 +60,9 @@ public:
     std::vector<std::string> identifiers() const;
     // Throws Refused when there is none and `required`, or when it is damaged.
     std::optional<Receipt> read(const std::string& identifier, bool required = false) const;
+
+    // The paths every receipt but `identifier`'s lists.
+    Owners others(const std::string& identifier) const;
 
     // Writes a receipt beside its place, synced; commit() puts it in place
     // and forget() removes a receipt. Both may be repeated.

@@ -120,20 +120,6 @@ std::vector<char> installedIndex(const PackageContents& contents)
     return PackageIndex::compose(contents.index.info, rows);
 }
 
-// The paths every other package's receipt lists.
-Owners othersOf(const Books& books, const std::string& identifier)
-{
-    Owners owners;
-    for (const std::string& other : books.identifiers()) {
-        if (other == identifier)
-            continue;
-        const std::optional<Receipt> receipt = books.read(other);
-        for (const IndexRow& row : receipt->index.rows)
-            owners.emplace(std::string(row.path), Owner{other, row.type == EntryType::Folder});
-    }
-    return owners;
-}
-
 // Every staged folder's names on the disk.
 void syncFolders(int staging, const PackageContents& contents)
 {
@@ -192,7 +178,7 @@ void install(const CommandLine& line, const Progress& progress)
     if (old && compareVersions(old->index.version, index.version) > 0)
         throw Refused(index.identifier + " " + old->index.version + " is installed; " + index.version
                       + " is older and is not installed over it");
-    const Owners others = othersOf(*target.books, index.identifier);
+    const Owners others = target.books->others(index.identifier);
     checkSpace(target.folder.get(), folder, index);
     const Mover mover(target.folder.get(), folder);
     mover.check(contents, others);

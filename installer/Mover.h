@@ -18,16 +18,7 @@
 #include "PackageReader.h"
 
 #include <string>
-#include <unordered_map>
 #include <vector>
-
-// The paths other packages' receipts list.
-struct Owner
-{
-    std::string identifier;
-    bool folder = false;
-};
-using Owners = std::unordered_map<std::string, Owner>;
 
 class Mover
 {

@@ -102,13 +102,14 @@ int answer(const CommandLine& line)
     default: {
         // Deepest first, folders only when empty and no one else's.
         std::vector<Step> steps;
-        const std::vector<std::string> others = books.identifiers();
+        const Owners others = books.others(line.identifier);
         std::vector<const IndexRow*> order;
         for (const IndexRow& row : rows)
             order.push_back(&row);
         std::sort(order.begin(), order.end(), [](const IndexRow* a, const IndexRow* b) { return a->path > b->path; });
         for (const IndexRow* row : order)
-            steps.push_back(Step{Step::Remove, row->type == EntryType::Folder, 0, 0, std::string(row->path)});
+            if (!others.count(std::string(row->path)))
+                steps.push_back(Step{Step::Remove, row->type == EntryType::Folder, 0, 0, std::string(row->path)});
         steps.push_back(Step{Step::Forget, false, 0, 0, line.identifier});
         target.journal->commit(steps);
         say("removed " + line.identifier + " " + receipt.index.version);

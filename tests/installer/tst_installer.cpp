@@ -320,6 +320,67 @@ private slots:
         QVERIFY(!QFileInfo::exists(QStringLiteral("/tmp/vlum-absolute-entry")));
     }
 
+    void books_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<QString>("damage"); // a file of the product: "edited", "removed", "opened" to all
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("output"); // a pattern for all of it; "@" is the target
+        QTest::addColumn<QStringList>("left"); // what of opt/ stays; empty: all of it
+        const QString test = QStringLiteral("@/opt/Oktavo/Test/");
+        QTest::newRow("-pkgs") << QStringList{"-pkgs"} << "" << 0 << "com.oktavo.test 1.0\n" << QStringList();
+        QTest::newRow("-pkginfo") << QStringList{"-pkginfo", "com.oktavo.test"} << "" << 0
+                                  << "identifier: com.oktavo.test\nversion: 1.0\nsigned by: /\\S+/velluma-demo\\.pem\n"
+                                     "installed: 20\\d\\d-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d UTC\nfiles: 4\n"
+                                  << QStringList();
+        QTest::newRow("-files") << QStringList{"-files", "com.oktavo.test"} << "" << 0
+                                << "@/opt\n@/opt/Oktavo\n@/opt/Oktavo/Test\n" + test + "a-name[^\\n]*\n" + test
+                                       + "first\n" + test + "link\n" + test + "tool\n"
+                                << QStringList();
+        QTest::newRow("-verify, intact") << QStringList{"-verify", "com.oktavo.test"} << "" << 0 << "" << QStringList();
+        for (const char* damage : {"edited", "removed", "opened"})
+            QTest::newRow(qPrintable(QStringLiteral("-verify, %1").arg(damage)))
+                << QStringList{"-verify", "com.oktavo.test"} << damage << 1 << "missing or changed: " + test + "tool\n"
+                << QStringList();
+        QTest::newRow("-uninstall") << QStringList{"-uninstall", "com.oktavo.test"} << "" << 0
+                                    << "removed com.oktavo.test 1.0\n" << QStringList{"opt", "opt/keep = kept\n"};
+        QTest::newRow("-uninstall, a file added") << QStringList{"-uninstall", "com.oktavo.test"} << "added" << 0
+                                    << "removed com.oktavo.test 1.0\n"
+                                    << QStringList{"opt", "opt/Oktavo", "opt/Oktavo/Test", "opt/Oktavo/Test/mine = mine\n",
+                                                   "opt/keep = kept\n"};
+        QTest::newRow("nothing installed") << QStringList{"-files", "com.oktavo.nothing"} << "" << 1
+                                           << "installer: Error - no package com.oktavo.nothing is installed\n"
+                                           << QStringList();
+        QTest::newRow("two questions") << QStringList{"-pkgs", "-files", "x"} << "" << 1
+                                       << "installer: Error - unknown or incomplete option -files\n" << QStringList();
+    }
+
+    // The books an administrator reads, of a target with the signed
+    // package installed.
+    void books()
+    {
+        QFETCH(QStringList, options);
+        QFETCH(QString, damage);
+        QFETCH(int, status);
+        QFETCH(QString, output);
+        QFETCH(QStringList, left);
+        QTemporaryDir root;
+        QVERIFY(writeFile(root.filePath(QStringLiteral("opt/keep")), "kept\n"));
+        const QStringList env = environment(root.path(), QStringLiteral("demo"));
+        QCOMPARE(install(makePackage(QStringLiteral("signed")), env), 0);
+        const QString tool = root.filePath(QStringLiteral("opt/Oktavo/Test/tool"));
+        QVERIFY(damage != "edited" || writeFile(tool, "#!/bin/sh\necho other\n"));
+        QVERIFY(damage != "removed" || QFile::remove(tool));
+        QVERIFY(damage != "opened" || ::chmod(QFile::encodeName(tool).constData(), 0777) == 0);
+        QVERIFY(damage != "added" || writeFile(root.filePath(QStringLiteral("opt/Oktavo/Test/mine")), "mine\n"));
+        const QStringList before = snapshot(root.path()).filter(QRegularExpression("^opt"));
+        QByteArray got;
+        QCOMPARE(run(QStringList{kInstaller} << options, env, &got), status);
+        const QString pattern = "^" + QString(output).replace('@', QRegularExpression::escape(root.path())) + "$";
+        QVERIFY2(QRegularExpression(pattern).match(QString::fromUtf8(got)).hasMatch(), got.constData());
+        QCOMPARE(snapshot(root.path()).filter(QRegularExpression("^opt")), left.isEmpty() ? before : left);
+    }
+
     // Read once, from the descriptor the helper passes (the -package name
     // is then only a name), into a copy of its own: rewriting the file
     // while it installs changes nothing installed. A descriptor on anything
