@@ -1,11 +1,14 @@
 // Configuration as a whole process sees it: the settings file lookup, the
 // environment, the command line and their order, the usage text, and the log
 // filter and format on standard error (the system log copies every entry
-// there); then the network error texts.
+// there); then the texts the user reads of network errors, sizes and
+// transfers.
 
 #include "../support/ChildRun.h"
 #include "../support/ProductTree.h"
 
+#include "DlrApp.h"
+#include "DlrHumanBytes.h"
 #include "DlrNetworkError.h"
 #include "DlrOptions.h"
 
@@ -176,25 +179,36 @@ private slots:
         QCOMPARE(run.err, QByteArray());
     }
 
-    void networkErrorTexts_data()
+    // What the user reads of network errors, sizes and transfers that came up short.
+    void texts_data()
     {
-        QTest::addColumn<int>("code");
         QTest::addColumn<QString>("text");
-        QTest::newRow("0") << 0 << "no error condition.";
-        QTest::newRow("399") << 399
-                             << "a breakdown in protocol was detected (parsing error, invalid or unexpected "
-                                "responses, etc.)";
+        QTest::addColumn<QString>("expected");
+        const auto error = [](int code) { return DlrNetworkError(static_cast<QNetworkReply::NetworkError>(code)); };
+        QTest::newRow("error 0") << error(0) << "no error condition.";
+        QTest::newRow("error 399") << error(399)
+                                   << "a breakdown in protocol was detected (parsing error, invalid or unexpected "
+                                      "responses, etc.)";
         // Codes the table does not name, including ones the toolkit knows.
         for (int code : {8, 9, 10, 11, 100, 200, 206, 207, 401, 499, 12345, -1})
-            QTest::newRow(qPrintable(QStringLiteral("unknown %1").arg(code)))
-                << code << QStringLiteral("Unknown network error %1").arg(code);
+            QTest::newRow(qPrintable(QStringLiteral("unknown error %1").arg(code)))
+                << error(code) << QStringLiteral("Unknown network error %1").arg(code);
+        QTest::newRow("1023 bytes") << DlrHumanBytes(1023) << "1023b";
+        QTest::newRow("1024 bytes") << DlrHumanBytes(1024) << "1.000KB";
+        QTest::newRow("a byte under a MiB") << DlrHumanBytes(1048575) << "1023.999KB";
+        QTest::newRow("1.5 MiB") << DlrHumanBytes(1572864) << "1.50MB";
+        QTest::newRow("2 GiB") << DlrHumanBytes(Q_INT64_C(2147483648)) << "2.000GB";
+        // What the network layer sometimes reports as a success.
+        QTest::newRow("closed before the announced end")
+            << DlrApp::DownloadShortfall(100000, 300000, 0) << "Download incomplete: 100000 of 300000 bytes";
+        QTest::newRow("nothing announced, size unknown") << DlrApp::DownloadShortfall(5, -1, 0) << "";
     }
 
-    void networkErrorTexts()
+    void texts()
     {
-        QFETCH(int, code);
         QFETCH(QString, text);
-        QCOMPARE(DlrNetworkError(static_cast<QNetworkReply::NetworkError>(code)), text);
+        QFETCH(QString, expected);
+        QCOMPARE(text, expected);
     }
 };
 

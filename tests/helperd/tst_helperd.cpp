@@ -26,7 +26,6 @@
 
 using Descriptors = QVector<std::shared_ptr<const DlrdDescriptor>>;
 using Events = QList<QByteArray>;
-Q_DECLARE_METATYPE(DlrdDecodeResult)
 
 namespace {
 

@@ -10,7 +10,6 @@
 #include "../support/TestMain.h"
 #include "../support/VendorServer.h"
 
-#include "DlrHumanBytes.h"
 #include "DlrManifestHandler.h"
 #include "DlrNetworkError.h"
 
@@ -502,29 +501,6 @@ private slots:
         QCOMPARE(download(), QString());
         const QByteArray tunnel = "CONNECT 127.0.0.1:" + QByteArray::number(server.port) + " ";
         QCOMPARE(int(readFile(log).count(tunnel)), tunnels);
-    }
-
-    // What the user reads of sizes and of transfers that came up short.
-    void texts_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("1023 bytes") << DlrHumanBytes(1023) << "1023b";
-        QTest::newRow("1024 bytes") << DlrHumanBytes(1024) << "1.000KB";
-        QTest::newRow("a byte under a MiB") << DlrHumanBytes(1048575) << "1023.999KB";
-        QTest::newRow("1.5 MiB") << DlrHumanBytes(1572864) << "1.50MB";
-        QTest::newRow("2 GiB") << DlrHumanBytes(Q_INT64_C(2147483648)) << "2.000GB";
-        // What the network layer sometimes reports as a success.
-        QTest::newRow("closed before the announced end")
-            << DlrApp::DownloadShortfall(100000, 300000, 0) << "Download incomplete: 100000 of 300000 bytes";
-        QTest::newRow("nothing announced, size unknown") << DlrApp::DownloadShortfall(5, -1, 0) << "";
-    }
-
-    void texts()
-    {
-        QFETCH(QString, text);
-        QFETCH(QString, expected);
-        QCOMPARE(text, expected);
     }
 
     void temporaryNames_data()

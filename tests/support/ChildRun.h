@@ -3,7 +3,6 @@
 // Runs one of our programs as a child process with a clean, controlled
 // environment, and collects what it printed.
 
-#include <QMap>
 #include <QProcess>
 #include <QStringList>
 
@@ -23,21 +22,6 @@ struct ChildRun {
     {
         const int at = out.indexOf(kConfigMarker);
         return at < 0 ? out : out.left(at);
-    }
-
-    // The probe's "key=value" lines.
-    QMap<QString, QString> config() const
-    {
-        QMap<QString, QString> values;
-        const int at = out.indexOf(kConfigMarker);
-        if (at < 0)
-            return values;
-        for (const QByteArray& line : out.mid(at + int(sizeof kConfigMarker) - 1).split('\n')) {
-            const int eq = line.indexOf('=');
-            if (eq > 0)
-                values.insert(QString::fromLocal8Bit(line.left(eq)), QString::fromLocal8Bit(line.mid(eq + 1)));
-        }
-        return values;
     }
 };
 
