@@ -14,9 +14,9 @@ DlrProductWalk::DlrProductWalk(QObject* parent)
     , download([this](int index) { return startDownload(index); })
     , install([this](const QString& package) { startInstall(package); })
 {
-    DlrApp* app = dlrApp();
-    connect(app, qOverload<int>(&DlrApp::finishedDownload), this, &DlrProductWalk::engineCompleted);
-    connect(app, &DlrApp::failedDownload, this, &DlrProductWalk::engineFailed);
+    next.setSingleShot(true);
+    next.setInterval(1);
+    connect(&next, &QTimer::timeout, this, &DlrProductWalk::step);
 }
 
 DlrProductWalk::~DlrProductWalk() = default;
@@ -38,6 +38,7 @@ void DlrProductWalk::Start()
 {
     position = 0;
     state = Idle;
+    next.stop();
     step();
 }
 
@@ -86,7 +87,7 @@ void DlrProductWalk::engineProgress(qint64 received, qint64 total)
     emit downloadProgress(received + offset, total > 0 ? total + offset : total);
 }
 
-void DlrProductWalk::engineCompleted(int manifestIndex)
+void DlrProductWalk::EngineCompleted(int manifestIndex)
 {
     if (state != Downloading || manifestIndex != CurrentIndex())
         return;
@@ -96,7 +97,7 @@ void DlrProductWalk::engineCompleted(int manifestIndex)
     installPackage();
 }
 
-void DlrProductWalk::engineFailed(const QString& reason, int manifestIndex)
+void DlrProductWalk::EngineFailed(const QString& reason, int manifestIndex)
 {
     if (state != Downloading || manifestIndex != CurrentIndex())
         return;
@@ -111,7 +112,7 @@ void DlrProductWalk::Retry()
         return;
     state = Idle;
     // Later: the engine still holds the failed reply while its signal runs.
-    QTimer::singleShot(1, this, &DlrProductWalk::step);
+    next.start();
 }
 
 void DlrProductWalk::GiveUp(const QString& reason)
@@ -119,6 +120,18 @@ void DlrProductWalk::GiveUp(const QString& reason)
     if (state != AwaitingDecision)
         return;
     end({DownloadFailed, reason});
+}
+
+void DlrProductWalk::Abandon()
+{
+    const QPointer<QNetworkReply> running = state == Downloading ? reply : nullptr;
+    state = Idle;
+    position = -1;
+    reply = nullptr;
+    next.stop();
+    // Idle first: the failure this causes may be reported at once.
+    if (running && running->isRunning())
+        running->abort();
 }
 
 void DlrProductWalk::installPackage()
@@ -193,7 +206,10 @@ void DlrProductWalk::InstallerCannotStart(const QString& why)
 void DlrProductWalk::end(const Result& result)
 {
     state = Idle;
+    const int ended = position;
     emit productEnded(result);
+    if (position != ended)
+        return; // abandoned, or started afresh
     ++position;
-    QTimer::singleShot(1, this, &DlrProductWalk::step);
+    next.start();
 }
