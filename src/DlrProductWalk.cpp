@@ -83,7 +83,7 @@ bool DlrProductWalk::startDownload(int manifestIndex)
 void DlrProductWalk::engineProgress(qint64 received, qint64 total)
 {
     // The engine resumes into what the file held; the user sees the whole.
-    const qint64 offset = dlrApp()->downloadOffset;
+    const qint64 offset = dlrApp()->DownloadResumedAt();
     emit downloadProgress(received + offset, total > 0 ? total + offset : total);
 }
 
