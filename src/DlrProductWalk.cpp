@@ -36,6 +36,7 @@ QString DlrProductWalk::CurrentName() const
 
 void DlrProductWalk::Start()
 {
+    ++walks;
     position = 0;
     state = Idle;
     next.stop();
@@ -125,6 +126,7 @@ void DlrProductWalk::GiveUp(const QString& reason)
 void DlrProductWalk::Abandon()
 {
     const QPointer<QNetworkReply> running = state == Downloading ? reply : nullptr;
+    ++walks;
     state = Idle;
     position = -1;
     reply = nullptr;
@@ -206,9 +208,9 @@ void DlrProductWalk::InstallerCannotStart(const QString& why)
 void DlrProductWalk::end(const Result& result)
 {
     state = Idle;
-    const int ended = position;
+    const unsigned walk = walks;
     emit productEnded(result);
-    if (position != ended)
+    if (walk != walks)
         return; // abandoned, or started afresh
     ++position;
     next.start();

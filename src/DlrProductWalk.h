@@ -106,6 +106,7 @@ private:
 
     State state = Idle;
     int position = -1;
+    unsigned walks = 0; // Start and Abandon each end what came before
     QTimer next; // the next step, from the event loop
     QPointer<QNetworkReply> reply; // owned by the download engine
     std::unique_ptr<DlrOSXProcess> installer;
