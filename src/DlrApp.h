@@ -88,6 +88,9 @@ public:
     // package: the bytes written against the total the server announced
     // (-1: none) and the offer's size (0: unknown). Empty when they agree.
     static QString DownloadShortfall(qint64 written, qint64 announced, qint64 fileSize);
+    // Bytes the download in flight found in its file and did not fetch
+    // again: its progress counts them.
+    qint64 DownloadResumedAt() const { return transfer.offset; }
     // Packages, and the success page, come from http or https addresses only.
     static bool IsWebAddress(const QUrl& url);
 
@@ -127,14 +130,6 @@ public:
     QNetworkReply* manifestReply = nullptr;          // not owned
     QNetworkReply* downloadReply = nullptr;          // not owned
     int downloadIndex = -1;
-    // The download in flight: bytes its file held when the reply began (a
-    // resumed download), bytes in the file now, whether the response's
-    // status has been looked at, and whether its body is thrown away.
-    qint64 downloadOffset = 0;
-    qint64 downloadWritten = 0;
-    bool downloadStarted = false;
-    bool downloadDiscarding = false;
-    QString downloadWriteError; // why its file did not take the data, if it did not
     std::unique_ptr<char[]> downloadBuffer;
     std::unique_ptr<QDir> downloadDir;
     bool sslErrorsAccepted = false;
@@ -165,6 +160,18 @@ private slots:
     void manifestSslErrors(QList<QSslError> errors);
 
 private:
+    // The download in flight: bytes its file held when the reply began (a
+    // resumed download), bytes in the file now, whether the response's
+    // status has been looked at, whether its body is thrown away, and why
+    // its file did not take the data, if it did not.
+    struct Transfer {
+        qint64 offset = 0;
+        qint64 written = 0;
+        bool started = false;
+        bool discarding = false;
+        QString writeError;
+    } transfer;
+
     void sslErrors(QNetworkReply* reply, const QList<QSslError>& errors);
     void replyFromManifestRequest(QNetworkReply* reply);
     void alternateManifest();

@@ -250,7 +250,7 @@ QNetworkReply* DlrApp::DownloadProduct(int manifestIndex)
             QStringLiteral("Not downloading from %1: packages come over http or https only").arg(address);
         qDebug() << reason;
         offer.downloadFile.reset();
-        downloadWriteError.clear();
+        transfer.writeError.clear();
         downloadReply = new RefusedReply(offer.DownloadURL, reason, this);
         connect(downloadReply, &QNetworkReply::finished, this, [this, reply = downloadReply] { finishedReply(reply); });
         downloadIndex = manifestIndex;
@@ -280,19 +280,19 @@ QNetworkReply* DlrApp::DownloadProduct(int manifestIndex)
             return nullptr;
         }
     }
-    downloadOffset = offer.downloadFile->size();
-    downloadWritten = downloadOffset;
-    downloadStarted = false;
-    downloadDiscarding = false;
-    downloadWriteError.clear();
+    transfer.offset = offer.downloadFile->size();
+    transfer.written = transfer.offset;
+    transfer.started = false;
+    transfer.discarding = false;
+    transfer.writeError.clear();
 
     qDebug() << "downloading " << (offer.SimpleName.isEmpty() ? offer.Name : offer.SimpleName) << "from"
-             << offer.DownloadURL << "at" << downloadOffset;
+             << offer.DownloadURL << "at" << transfer.offset;
     QNetworkRequest request(offer.DownloadURL);
     // Byte counts and ranges must be those of the file itself.
     request.setRawHeader("Accept-Encoding", "identity");
-    if (downloadOffset > 0) {
-        request.setRawHeader("Range", "bytes=" + QByteArray::number(downloadOffset) + '-');
+    if (transfer.offset > 0) {
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(transfer.offset) + '-');
         request.setRawHeader("If-Range", offer.partialValidator);
     }
     downloadReply = getNetworkManager()->get(request);
@@ -376,7 +376,7 @@ void DlrApp::downloadReadyRead()
         downloadReply->abort();
         return;
     }
-    if (!downloadStarted && !startDownloadBody(manifest[downloadIndex], *file)) {
+    if (!transfer.started && !startDownloadBody(manifest[downloadIndex], *file)) {
         downloadReply->abort();
         return;
     }
@@ -391,17 +391,17 @@ void DlrApp::downloadReadyRead()
             qDebug() << "Error reading from network";
             return;
         }
-        if (downloadDiscarding)
+        if (transfer.discarding)
             continue;
         if (file->write(downloadBuffer.get(), got) < got) {
             const int cause = errno;
             const QFileDevice::FileError error = file->error();
-            downloadWriteError = writeFailure(*file, cause);
+            transfer.writeError = writeFailure(*file, cause);
             downloadReply->abort();
             qDebug() << "Failed writing to file in download" << error;
             return;
         }
-        downloadWritten += got;
+        transfer.written += got;
     }
     // No flush here: the file writes its buffer out whenever it fills, and
     // a write that fails then (a full disk) fails the write() above; the
@@ -410,34 +410,34 @@ void DlrApp::downloadReadyRead()
 
 bool DlrApp::startDownloadBody(DlrManifestElement& offer, QFile& file)
 {
-    downloadStarted = true;
+    transfer.started = true;
     const int status = downloadReply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     if (status >= 400) {
         // An error page is never part of a package; what is on disk stays
         // for the next try, unless the server cannot serve the rest of it.
-        downloadDiscarding = true;
+        transfer.discarding = true;
         if (status == 416)
             offer.partialValidator.clear();
         return true;
     }
-    if (downloadOffset > 0 && status == 206) {
+    if (transfer.offset > 0 && status == 206) {
         const QByteArray etag = downloadReply->rawHeader("ETag");
         const bool sameFile = etag.isEmpty() || !offer.partialValidator.startsWith('"') || etag == offer.partialValidator;
-        if (rangeStartOf(downloadReply) == downloadOffset && sameFile) {
-            qDebug() << "Resuming download at" << downloadOffset;
+        if (rangeStartOf(downloadReply) == transfer.offset && sameFile) {
+            qDebug() << "Resuming download at" << transfer.offset;
             return true;
         }
         qDebug() << "Unusable partial answer" << downloadReply->rawHeader("Content-Range") << etag;
         offer.partialValidator.clear();
         return false;
     }
-    if (downloadOffset > 0) {
+    if (transfer.offset > 0) {
         // The whole file again (it changed, or the server ignores ranges).
-        qDebug() << "Download starts over at 0 after" << downloadOffset;
+        qDebug() << "Download starts over at 0 after" << transfer.offset;
         if (!file.resize(0))
             return false;
-        downloadOffset = 0;
-        downloadWritten = 0;
+        transfer.offset = 0;
+        transfer.written = 0;
     }
     offer.partialValidator = validatorOf(downloadReply);
     return true;
@@ -487,12 +487,12 @@ void DlrApp::finishedDownload(QNetworkReply* reply)
 
     DlrManifestElement& offer = manifest[index];
     QSharedPointer<QFile> file = offer.downloadFile;
-    if (file && file->isOpen() && !downloadStarted && reply->error() == QNetworkReply::NoError)
+    if (file && file->isOpen() && !transfer.started && reply->error() == QNetworkReply::NoError)
         startDownloadBody(offer, *file);
 
     QString failure;
-    if (!downloadWriteError.isEmpty()) {
-        failure = downloadWriteError;
+    if (!transfer.writeError.isEmpty()) {
+        failure = transfer.writeError;
         qDebug() << failure;
     } else if (!IsWebAddress(reply->url())) {
         failure = reply->errorString();
@@ -507,13 +507,13 @@ void DlrApp::finishedDownload(QNetworkReply* reply)
     if (failure.isEmpty()) {
         bool known = false;
         const qint64 length = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong(&known);
-        const qint64 announced = known && length >= 0 ? downloadOffset + length : -1;
-        failure = DownloadShortfall(downloadWritten, announced, offer.FileSize);
+        const qint64 announced = known && length >= 0 ? transfer.offset + length : -1;
+        failure = DownloadShortfall(transfer.written, announced, offer.FileSize);
         if (!failure.isEmpty())
             qWarning() << failure;
         // Only the rest of what the server promised is worth asking for;
         // anything else starts over next time.
-        if (!(announced >= 0 ? downloadWritten < announced : downloadWritten < offer.FileSize))
+        if (!(announced >= 0 ? transfer.written < announced : transfer.written < offer.FileSize))
             offer.partialValidator.clear();
     }
     if (!failure.isEmpty()) {

@@ -14,9 +14,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMessageBox>
-#include <QNetworkReply>
 #include <QProgressBar>
-#include <QScopedValueRollback>
 #include <QTimer>
 #include <QVBoxLayout>
 #include <QWizard>
@@ -57,6 +55,29 @@ DlrDownload::DlrDownload(QWidget* parent)
     DlrApp* app = dlrApp();
     connect(app, qOverload<int>(&DlrApp::finishedDownload), this, &DlrDownload::downloadCompleted);
     connect(app, &DlrApp::failedDownload, this, &DlrDownload::downloadFailed);
+
+    walk.download = [this, fetch = walk.download](int manifestIndex) {
+        requestNextDownload();
+        if (fetch(manifestIndex))
+            return true;
+        QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("There Was An Error Downloading"),
+                        QMessageBox::Ok, this);
+        box.setInformativeText(QStringLiteral("While processing") + walk.CurrentName()
+                               + QStringLiteral(". If this error persists contact customer support. Press Ok to "
+                                                "exit the application"));
+        box.exec();
+        QCoreApplication::exit(DlrExitNormal);
+        // The run ends here: nothing of this product or the next is to follow.
+        walk.Abandon();
+        return true;
+    };
+    walk.install = [this](const QString& package) { startInstaller(package); };
+    connect(&walk, &DlrProductWalk::downloadProgress, this, &DlrDownload::downloadProgress);
+    connect(&walk, &DlrProductWalk::downloadCompleted, this, &DlrDownload::downloadDone);
+    connect(&walk, &DlrProductWalk::downloadFailed, this, &DlrDownload::askAboutFailedDownload);
+    connect(&walk, &DlrProductWalk::installerLine, this, &DlrDownload::showInstallerLine);
+    connect(&walk, &DlrProductWalk::productEnded, this, &DlrDownload::productEnded);
+    connect(&walk, &DlrProductWalk::finished, this, &DlrDownload::allFinished);
 }
 
 DlrDownload::~DlrDownload() = default;
@@ -66,11 +87,9 @@ void DlrDownload::initializePage()
     qDebug() << "Download";
     progressBar->reset();
     progressBar->setValue(0);
-    position = 0;
-    downloadReply = nullptr;
     installerProcess.reset();
     backAfterInstall = false;
-    downloadAbandoned = false;
+    allDone = false;
     amount->clear();
 
     // On this page Back asks before it stops a download or leaves an
@@ -83,8 +102,13 @@ void DlrDownload::initializePage()
         backButtonConnected = true;
     }
 
-    const QScopedValueRollback<bool> entry(entering, true);
-    requestNextDownload();
+    // Without a package installer the user chose, on the selection page,
+    // to go on with downloads only.
+    walk.cannotInstall.clear();
+    if (const DlrMachineAssay* assay = dlrApp()->assay)
+        assay->FindMachineProperty(DlrAttrCannotInstallReason, walk.cannotInstall);
+    progressStep = 1000 / qMax(1, dlrApp()->downloadIndices.size());
+    walk.Start();
 }
 
 void DlrDownload::cleanupPage()
@@ -95,63 +119,20 @@ void DlrDownload::cleanupPage()
 
 bool DlrDownload::isComplete() const
 {
-    return position == -1 && allDone;
+    return walk.Position() == -1 && allDone;
 }
 
 bool DlrDownload::validatePage()
 {
-    return position == -1 && allDone;
-}
-
-bool DlrDownload::currentProduct(DlrManifestElement** element)
-{
-    const QList<int>& indices = dlrApp()->downloadIndices;
-    if (position < 0 || position >= indices.size())
-        return true;
-    const int index = indices.at(position);
-    QList<DlrManifestElement>& manifest = dlrApp()->manifest;
-    if (index < 0 || index >= manifest.size())
-        return true;
-    *element = &manifest[index];
-    return false;
+    return walk.Position() == -1 && allDone;
 }
 
 void DlrDownload::requestNextDownload()
 {
     amount->clear();
-    DlrApp* app = dlrApp();
-    const QList<int>& indices = app->downloadIndices;
-    if (position < 0 || position >= indices.size()) {
-        qWarning() << "requestNextDownload made with nothing to do" << position;
-        return;
-    }
-    progressStep = 1000 / indices.size();
-    progressBar->setValue(position * progressStep);
-
-    const int index = indices.at(position);
-    DlrManifestElement* product = nullptr;
-    const bool known = !currentProduct(&product);
-    if (known && product->downloaded) {
-        // A complete package from an earlier run or visit: install it as is.
-        downloadCompleted(index);
-        return;
-    }
-
-    const QString name = known ? product->matchName() : QString();
-    status->setText(QStringLiteral("Downloading ") + name + QStringLiteral("..."));
-    downloadReply = app->DownloadProduct(index);
-    if (!downloadReply) {
-        QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("There Was An Error Downloading"),
-                        QMessageBox::Ok, this);
-        box.setInformativeText(QStringLiteral("While processing") + name
-                               + QStringLiteral(". If this error persists contact customer support. Press Ok to "
-                                                "exit the application"));
-        box.exec();
-        QCoreApplication::exit(DlrExitNormal);
-        return;
-    }
+    progressBar->setValue(walk.Position() * progressStep);
+    status->setText(QStringLiteral("Downloading ") + walk.CurrentName() + QStringLiteral("..."));
     progressShown.invalidate();
-    connect(downloadReply, &QNetworkReply::downloadProgress, this, &DlrDownload::downloadProgress);
 }
 
 void DlrDownload::downloadProgress(qint64 bytesReceived, qint64 bytesTotal)
@@ -161,11 +142,6 @@ void DlrDownload::downloadProgress(qint64 bytesReceived, qint64 bytesTotal)
     if (progressShown.isValid() && progressShown.elapsed() < 100 && bytesReceived != bytesTotal)
         return;
     progressShown.start();
-    // A resumed download counts what its file held already.
-    const qint64 offset = dlrApp()->downloadOffset;
-    bytesReceived += offset;
-    if (bytesTotal > 0)
-        bytesTotal += offset;
     // Without a known total there is no fraction: the bar stays at the
     // product's start and the label shows what has arrived.
     if (bytesTotal <= 0) {
@@ -173,7 +149,7 @@ void DlrDownload::downloadProgress(qint64 bytesReceived, qint64 bytesTotal)
         return;
     }
     const float done = float(bytesReceived) / float(bytesTotal);
-    progressBar->setValue(int(float(position * progressStep) + done * float(progressStep / 2)));
+    progressBar->setValue(int(float(walk.Position() * progressStep) + done * float(progressStep / 2)));
     amount->setText(DlrHumanBytes(bytesReceived) + QLatin1Char('/') + DlrHumanBytes(bytesTotal));
 }
 
@@ -185,15 +161,13 @@ void DlrDownload::downloadCompleted(int manifestIndex)
         pendingIndex = manifestIndex;
         return;
     }
-    installDownloaded(manifestIndex);
+    walk.EngineCompleted(manifestIndex);
 }
 
-void DlrDownload::installDownloaded(int manifestIndex)
+void DlrDownload::downloadDone()
 {
-    downloadReply = nullptr;
-    qDebug() << "Download complete!" << manifestIndex;
+    qDebug() << "Download complete!" << walk.CurrentIndex();
     amount->clear();
-    startInstaller();
 }
 
 void DlrDownload::downloadFailed(const QString& reason, int manifestIndex)
@@ -206,17 +180,13 @@ void DlrDownload::downloadFailed(const QString& reason, int manifestIndex)
         pendingReason = reason;
         return;
     }
-    amount->clear();
-    downloadReply = nullptr;
-    if (downloadAbandoned) {
-        downloadAbandoned = false;
-        return;
-    }
-    askAboutFailedDownload(reason);
+    // A download the user stopped on the way back is no longer the walk's.
+    walk.EngineFailed(reason, manifestIndex);
 }
 
 void DlrDownload::askAboutFailedDownload(const QString& reason)
 {
+    amount->clear();
     QMessageBox box(QMessageBox::Critical, QString(), QStringLiteral("Product download failed"),
                     QMessageBox::Abort | QMessageBox::Retry | QMessageBox::Ignore, this);
     box.setDefaultButton(QMessageBox::Retry);
@@ -227,58 +197,86 @@ void DlrDownload::askAboutFailedDownload(const QString& reason)
         break;
     case QMessageBox::Retry:
         qDebug() << "Requesting retry after a failed download";
-        // Later, not now: the download engine still holds the failed reply
-        // while this runs and would refuse a new download.
-        QTimer::singleShot(1, this, &DlrDownload::requestNextDownload);
+        walk.Retry();
         break;
     default:
-        nextDownloadKeepingAmount();
+        walk.GiveUp(reason);
         break;
     }
 }
 
-void DlrDownload::nextDownload()
+void DlrDownload::productEnded(const DlrProductWalk::Result& result)
 {
-    amount->clear();
-    nextDownloadKeepingAmount();
+    const QString name = walk.CurrentName();
+    const auto package = [this] {
+        const DlrManifestElement& offer = dlrApp()->manifest.at(walk.CurrentIndex());
+        return offer.downloadFile ? offer.downloadFile->fileName() : QString();
+    };
+    switch (result.outcome) {
+    case DlrProductWalk::Installed:
+    case DlrProductWalk::InstallFailed:
+        // The installer's own failure codes are its business; a crash or a
+        // negative code is the process object's, and is shown.
+        if (result.exitCode < 0 || result.exitStatus != QProcess::NormalExit) {
+            QMessageBox box(QMessageBox::Critical, QString(),
+                            QStringLiteral("Installer exited with err. Exit code: ") + QString::number(result.exitCode),
+                            QMessageBox::Ok, this);
+            box.exec();
+        }
+        if (backAfterInstall) {
+            walk.Abandon();
+            wizard()->back();
+            return;
+        }
+        break;
+    case DlrProductWalk::InstallerNotStarted: {
+        QString text = QStringLiteral("Could not start installer process");
+        if (!name.isEmpty())
+            text += QStringLiteral(" for ") + name;
+        text += QStringLiteral(", skipping to next product");
+        QMessageBox box(QMessageBox::Critical, QString(), text, QMessageBox::Ok, this);
+        box.exec();
+        break;
+    }
+    case DlrProductWalk::DownloadedOnly:
+        qDebug() << "Not running installer on " << package();
+        break;
+    case DlrProductWalk::NotInstalled:
+        qDebug().noquote() << "Not installing" << package() << "-" << result.reason;
+        status->setText(name + QStringLiteral(" was downloaded but not installed"));
+        break;
+    case DlrProductWalk::DownloadFailed: // Ignore: the label was cleared before the question
+        break;
+    }
+    if (result.outcome != DlrProductWalk::DownloadFailed)
+        amount->clear();
+    progressBar->setValue((walk.Position() + 1) * progressStep);
 }
 
-void DlrDownload::nextDownloadKeepingAmount()
+void DlrDownload::allFinished()
 {
-    ++position;
-    progressBar->setValue(position * progressStep);
-    if (position == dlrApp()->downloadIndices.size()) {
-        position = -1;
-        allDone = true;
-        emit completeChanged();
-        // The wizard cannot move on from inside its own move to this page
-        // (the whole run can end there: products already on disk that are
-        // skipped or cannot be installed); it does so just after.
-        if (entering)
-            QTimer::singleShot(0, wizard(), &QWizard::next);
-        else
-            wizard()->next();
-        return;
-    }
-    QTimer::singleShot(1, this, &DlrDownload::requestNextDownload);
+    allDone = true;
+    emit completeChanged();
+    // Not from inside the wizard's own move to this page, where a walk with
+    // nothing to do ends.
+    QTimer::singleShot(0, wizard(), &QWizard::next);
 }
 
 void DlrDownload::back(bool checked)
 {
     Q_UNUSED(checked)
-    if (position == -1) {
+    if (walk.Position() == -1) {
         wizard()->back();
         return;
     }
-    DlrManifestElement* product = nullptr;
-    if (currentProduct(&product)) {
+    if (walk.CurrentIndex() < 0) {
         qWarning() << "no element even though processing in back";
         return;
     }
     if (installerProcess)
-        askBeforeLeavingInstall(product->matchName());
-    else if (downloadReply)
-        askBeforeStoppingDownload(product->matchName());
+        askBeforeLeavingInstall(walk.CurrentName());
+    else if (walk.IsDownloading())
+        askBeforeStoppingDownload(walk.CurrentName());
 }
 
 bool DlrDownload::confirmGoingBack(const QString& text, const QString& informative)
@@ -315,50 +313,19 @@ void DlrDownload::askBeforeStoppingDownload(const QString& name)
     inBackDialog = false;
 
     if (goBack) {
-        // The failure report that the abort causes is not the user's concern.
-        downloadAbandoned = true;
-        if (!completedInDialog && !failedInDialog && downloadReply)
-            downloadReply->abort();
-        downloadReply = nullptr;
+        // Whatever became of the download meanwhile is not the user's concern.
+        walk.Abandon();
         wizard()->back();
         return;
     }
     if (completedInDialog)
-        installDownloaded(pendingIndex);
+        walk.EngineCompleted(pendingIndex);
     else if (failedInDialog)
         downloadFailed(pendingReason, pendingIndex);
 }
 
-void DlrDownload::startInstaller()
+void DlrDownload::startInstaller(const QString& package)
 {
-    DlrManifestElement* product = nullptr;
-    if (currentProduct(&product)) {
-        qDebug() << "No current product in startInstaller";
-        return;
-    }
-    if (installerProcess) {
-        qWarning() << "startInstaller called while installer is running";
-        return;
-    }
-
-    const QString package = product->downloadFile ? product->downloadFile->fileName() : QString();
-    if (!package.endsWith(QLatin1String(".pkg"))) {
-        // Anything but a package is delivered as a download only.
-        qDebug() << "Not running installer on " << package;
-        nextDownload();
-        return;
-    }
-    // Without a package installer the user chose, on the selection page,
-    // to go on with downloads only.
-    QString cannotInstall;
-    const DlrMachineAssay* assay = dlrApp()->assay;
-    if (assay && assay->FindMachineProperty(DlrAttrCannotInstallReason, cannotInstall)) {
-        qDebug().noquote() << "Not installing" << package << "-" << cannotInstall;
-        status->setText(product->matchName() + QStringLiteral(" was downloaded but not installed"));
-        nextDownload();
-        return;
-    }
-
     installerProcess = std::make_unique<DlrOSXProcess>();
     DlrOSXProcess* process = installerProcess.get();
     process->setProcessEnvironment(QProcessEnvironment::systemEnvironment());
@@ -369,7 +336,7 @@ void DlrDownload::startInstaller()
     connect(process, &DlrOSXProcess::readyReadStandardOutput, this, &DlrDownload::installerReadyStdout);
     connect(process, &DlrOSXProcess::readyReadStandardError, this, &DlrDownload::installerReadyStderr);
 
-    progressBar->setValue(position * progressStep + progressStep / 2);
+    progressBar->setValue(walk.Position() * progressStep + progressStep / 2);
     const QString program = DlrPlatform::PackageInstallerProgram();
     const QStringList arguments = DlrPlatform::PackageInstallerArguments(package);
     qDebug() << "running installer" << program << arguments;
@@ -378,11 +345,11 @@ void DlrDownload::startInstaller()
 
 void DlrDownload::installerStarts()
 {
-    DlrManifestElement* product = nullptr;
-    if (currentProduct(&product))
+    const QString name = walk.CurrentName();
+    if (name.isEmpty())
         status->clear();
     else
-        status->setText(QStringLiteral("Installing ") + product->matchName() + QStringLiteral("..."));
+        status->setText(QStringLiteral("Installing ") + name + QStringLiteral("..."));
 }
 
 void DlrDownload::installerChangedState(QProcess::ProcessState newState)
@@ -395,21 +362,12 @@ void DlrDownload::installerError(QProcess::ProcessError error)
     qDebug() << "Installer error " << error;
     if (error != QProcess::FailedToStart)
         return; // a crash is followed by finished(), which reports it
-
-    DlrManifestElement* product = nullptr;
-    QString text = QStringLiteral("Could not start installer process");
-    if (!currentProduct(&product))
-        text += QStringLiteral(" for ") + product->matchName();
-    text += QStringLiteral(", skipping to next product");
-    QMessageBox box(QMessageBox::Critical, QString(), text, QMessageBox::Ok, this);
-    box.exec();
-
+    walk.InstallerCannotStart(installerProcess ? installerProcess->errorString() : QString());
     // This may run inside the process object's own start(): it must outlive it.
     if (installerProcess)
         installerProcess.release()->deleteLater();
     qDebug() << "process object abandoned due to error";
     status->clear();
-    nextDownload();
 }
 
 void DlrDownload::installerFinished(int exitCode, QProcess::ExitStatus exitStatus)
@@ -423,17 +381,7 @@ void DlrDownload::installerFinished(int exitCode, QProcess::ExitStatus exitStatu
         qDebug() << "Installer finished while waiting for user input";
         return;
     }
-    if (exitCode < 0 || exitStatus != QProcess::NormalExit) {
-        QMessageBox box(QMessageBox::Critical, QString(),
-                        QStringLiteral("Installer exited with err. Exit code: ") + QString::number(exitCode),
-                        QMessageBox::Ok, this);
-        box.exec();
-    }
-    if (!backAfterInstall)
-        nextDownload();
-    else
-        wizard()->back();
-
+    walk.InstallerEnded(exitCode, exitStatus);
     qDebug() << "calling delete on installer process object";
     installerProcess.reset();
     qDebug() << "process object gone";
@@ -445,13 +393,18 @@ void DlrDownload::installerReadyStdout()
         qDebug() << "internal error, got stdin ready but no process";
         return;
     }
-    const DlrInstallerLine line = DlrReadInstallerLine(installerProcess->readAllStandardOutput());
+    // The walk reads the verdict in the installer's words; what it shows is the page's.
+    walk.InstallerOutput(installerProcess->readAllStandardOutput());
+}
+
+void DlrDownload::showInstallerLine(const DlrInstallerLine& line)
+{
     qDebug() << "installer stdout:" << line.plain;
     switch (line.kind) {
     case DlrInstallerLine::Progress: {
         // The second half of the product's share.
         const int half = progressStep / 2;
-        progressBar->setValue(int(float(position * progressStep + half) + float(line.fraction) * float(half)));
+        progressBar->setValue(int(float(walk.Position() * progressStep + half) + float(line.fraction) * float(half)));
         break;
     }
     case DlrInstallerLine::Status:

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DlrProductWalk.h"
+
 #include <QElapsedTimer>
 #include <QPixmap>
 #include <QProcess>
@@ -8,14 +10,14 @@
 
 #include <memory>
 
-class DlrManifestElement;
 class DlrOSXProcess;
 class QLabel;
-class QNetworkReply;
 class QProgressBar;
+struct DlrInstallerLine;
 
-// Third page: downloads and installs the chosen products one by one, all
-// on one progress bar, and guards the way back while either is running.
+// Third page: walks the chosen products (DlrProductWalk), downloading and
+// installing them one by one, all on one progress bar, and guards the way
+// back while either is running.
 class DlrDownload : public QWizardPage
 {
     Q_OBJECT
@@ -41,18 +43,18 @@ public slots:
     void installerReadyStdout();
     void installerReadyStderr();
     void nextWhileUWait();
+    // The current product's download is about to be started (again).
     void requestNextDownload();
 
 private:
-    // True when there is no current product; otherwise stores it.
-    bool currentProduct(DlrManifestElement** element);
+    void downloadDone();
     // Runs the package installer on the current product's download.
-    void startInstaller();
-    // Ends the current product and moves on to the next, or to the end.
-    void nextDownload();
-    void nextDownloadKeepingAmount();
-    void installDownloaded(int manifestIndex);
+    void startInstaller(const QString& package);
+    void showInstallerLine(const DlrInstallerLine& line);
     void askAboutFailedDownload(const QString& reason);
+    // Ends the current product; the walk goes on to the next, or to the end.
+    void productEnded(const DlrProductWalk::Result& result);
+    void allFinished();
     bool confirmGoingBack(const QString& text, const QString& informative);
     void askBeforeLeavingInstall(const QString& name);
     void askBeforeStoppingDownload(const QString& name);
@@ -60,7 +62,7 @@ private:
     // gaps skipped, nothing above 19, starting over after the last one.
     QPixmap nextWUWPixmap();
 
-    int position = -1;
+    DlrProductWalk walk;
     bool allDone = false;
     QLabel* artwork = nullptr;
     QProgressBar* progressBar = nullptr;
@@ -68,16 +70,13 @@ private:
     QLabel* amount = nullptr;
     int progressStep = 0;
     QElapsedTimer progressShown; // when the bar and amount last changed
-    QNetworkReply* downloadReply = nullptr; // owned by the download engine
     std::unique_ptr<DlrOSXProcess> installerProcess;
     bool backAfterInstall = false;
-    bool downloadAbandoned = false;
     int whileUWaitIndex = 1;
     bool backButtonConnected = false;
-    bool entering = false; // initializePage() is running
 
     // A confirmation dialog of back() is open; ends that arrive meanwhile
-    // are parked here and handled once it closes.
+    // are parked here and handed to the walk once it closes.
     bool inBackDialog = false;
     bool installerFinishedInDialog = false;
     int savedExitCode = 0;

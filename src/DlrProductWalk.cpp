@@ -14,9 +14,9 @@ DlrProductWalk::DlrProductWalk(QObject* parent)
     , download([this](int index) { return startDownload(index); })
     , install([this](const QString& package) { startInstall(package); })
 {
-    DlrApp* app = dlrApp();
-    connect(app, qOverload<int>(&DlrApp::finishedDownload), this, &DlrProductWalk::engineCompleted);
-    connect(app, &DlrApp::failedDownload, this, &DlrProductWalk::engineFailed);
+    next.setSingleShot(true);
+    next.setInterval(1);
+    connect(&next, &QTimer::timeout, this, &DlrProductWalk::step);
 }
 
 DlrProductWalk::~DlrProductWalk() = default;
@@ -36,8 +36,10 @@ QString DlrProductWalk::CurrentName() const
 
 void DlrProductWalk::Start()
 {
+    ++walks;
     position = 0;
     state = Idle;
+    next.stop();
     step();
 }
 
@@ -82,11 +84,11 @@ bool DlrProductWalk::startDownload(int manifestIndex)
 void DlrProductWalk::engineProgress(qint64 received, qint64 total)
 {
     // The engine resumes into what the file held; the user sees the whole.
-    const qint64 offset = dlrApp()->downloadOffset;
+    const qint64 offset = dlrApp()->DownloadResumedAt();
     emit downloadProgress(received + offset, total > 0 ? total + offset : total);
 }
 
-void DlrProductWalk::engineCompleted(int manifestIndex)
+void DlrProductWalk::EngineCompleted(int manifestIndex)
 {
     if (state != Downloading || manifestIndex != CurrentIndex())
         return;
@@ -96,7 +98,7 @@ void DlrProductWalk::engineCompleted(int manifestIndex)
     installPackage();
 }
 
-void DlrProductWalk::engineFailed(const QString& reason, int manifestIndex)
+void DlrProductWalk::EngineFailed(const QString& reason, int manifestIndex)
 {
     if (state != Downloading || manifestIndex != CurrentIndex())
         return;
@@ -111,7 +113,7 @@ void DlrProductWalk::Retry()
         return;
     state = Idle;
     // Later: the engine still holds the failed reply while its signal runs.
-    QTimer::singleShot(1, this, &DlrProductWalk::step);
+    next.start();
 }
 
 void DlrProductWalk::GiveUp(const QString& reason)
@@ -119,6 +121,19 @@ void DlrProductWalk::GiveUp(const QString& reason)
     if (state != AwaitingDecision)
         return;
     end({DownloadFailed, reason});
+}
+
+void DlrProductWalk::Abandon()
+{
+    const QPointer<QNetworkReply> running = state == Downloading ? reply : nullptr;
+    ++walks;
+    state = Idle;
+    position = -1;
+    reply = nullptr;
+    next.stop();
+    // Idle first: the failure this causes may be reported at once.
+    if (running && running->isRunning())
+        running->abort();
 }
 
 void DlrProductWalk::installPackage()
@@ -193,7 +208,10 @@ void DlrProductWalk::InstallerCannotStart(const QString& why)
 void DlrProductWalk::end(const Result& result)
 {
     state = Idle;
+    const unsigned walk = walks;
     emit productEnded(result);
+    if (walk != walks)
+        return; // abandoned, or started afresh
     ++position;
-    QTimer::singleShot(1, this, &DlrProductWalk::step);
+    next.start();
 }

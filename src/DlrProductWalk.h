@@ -5,6 +5,7 @@
 #include <QPointer>
 #include <QProcess>
 #include <QString>
+#include <QTimer>
 
 #include <functional>
 #include <memory>
@@ -17,9 +18,11 @@ struct DlrInstallerLine;
 // complete on disk is kept, any other is downloaded through the engine; a
 // ".pkg" is then handed to the package installer through the helper, and
 // anything else is delivered as a download only. Every product ends with
-// one productEnded, the walk with one finished. Whoever drives it decides
-// what a failed download leads to (Retry or GiveUp) and what the user sees,
-// and does not delete the walk from one of its signals.
+// one productEnded, the walk with one finished, unless the driver abandons
+// it. Whoever drives it hands it the engine's ends (EngineCompleted,
+// EngineFailed), decides what a failed download leads to (Retry or
+// GiveUp) and what the user sees, and does not delete the walk from one of
+// its signals.
 class DlrProductWalk : public QObject
 {
     Q_OBJECT
@@ -60,11 +63,18 @@ public:
     // After downloadFailed: the same product again, or the next one.
     void Retry();
     void GiveUp(const QString& reason);
+    // Stops where it is, for good: no further step and no further signal; a
+    // running download is aborted, a running installer left to end.
+    void Abandon();
 
     int Position() const { return position; }
+    bool IsDownloading() const { return state == Downloading; }
     int CurrentIndex() const;
     QString CurrentName() const;
 
+    // What the engine reports, for the product being downloaded.
+    void EngineCompleted(int manifestIndex);
+    void EngineFailed(const QString& reason, int manifestIndex);
     // What an install step reports.
     void InstallerOutput(const QByteArray& bytes);
     void InstallerEnded(int exitCode, QProcess::ExitStatus exitStatus);
@@ -83,8 +93,6 @@ signals:
     void finished();
 
 private slots:
-    void engineCompleted(int manifestIndex);
-    void engineFailed(const QString& reason, int manifestIndex);
     void engineProgress(qint64 received, qint64 total);
     void step();
 
@@ -98,6 +106,8 @@ private:
 
     State state = Idle;
     int position = -1;
+    unsigned walks = 0; // Start and Abandon each end what came before
+    QTimer next; // the next step, from the event loop
     QPointer<QNetworkReply> reply; // owned by the download engine
     std::unique_ptr<DlrOSXProcess> installer;
     bool succeeded = false;

@@ -90,6 +90,8 @@ void DlrUnattended::run()
                   {{QStringLiteral("path"), exposed}});
     connect(app, &DlrApp::validManifestReply, this, &DlrUnattended::validManifest);
     connect(app, &DlrApp::invalidManifestReply, this, &DlrUnattended::invalidManifest);
+    connect(app, qOverload<int>(&DlrApp::finishedDownload), &walk, &DlrProductWalk::EngineCompleted);
+    connect(app, &DlrApp::failedDownload, &walk, &DlrProductWalk::EngineFailed);
     connect(&walk, &DlrProductWalk::alreadyDownloaded, this, [this](const QString& path) {
         log.Event(QStringLiteral("download"), walk.CurrentName(), QStringLiteral("already downloaded: ") + path,
                   {{QStringLiteral("state"), QStringLiteral("present")}});

@@ -996,15 +996,15 @@ private slots:
             if (how == "refused")
                 return false;
             const bool fails = how == "fail" || (how == "flaky" && fetched == 1);
-            QTimer::singleShot(0, app, [app, index, fails, this] {
+            QTimer::singleShot(0, &walk, [&walk, app, index, fails, this] {
                 if (fails) {
-                    emit app->failedDownload("no route", index);
+                    walk.EngineFailed("no route", index);
                     return;
                 }
                 DlrManifestElement& offer = app->manifest[index];
                 QVERIFY(ProductTree(downloads).file(offer.Name, QByteArray(10, 'x')));
                 offer.downloadFile = QSharedPointer<QFile>::create(downloads + '/' + offer.Name);
-                emit app->finishedDownload(index);
+                walk.EngineCompleted(index);
             });
             return true;
         };
