@@ -122,7 +122,7 @@ class TestInstaller : public QObject
         int kills = 0;
         int mixed = 0;
         int leftovers = 0;
-        for (int attempt = 0; attempt < 40; ++attempt) {
+        for (int attempt = 0; attempt < 30; ++attempt) {
             QVERIFY(copyOld());
             QProcess installer;
             installer.setProcessEnvironment(withEntries(QProcessEnvironment::systemEnvironment(), withRoot(environment, copy)));
