@@ -4,13 +4,14 @@
 #include "Refused.h"
 
 #include <algorithm>
-#include <functional>
-#include <map>
-#include <unordered_set>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <functional>
+#include <map>
 #include <sys/stat.h>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
