@@ -162,6 +162,14 @@ class TestWizard : public QObject
         return int(std::count_if(all.begin(), all.end(), [&](const auto& r) { return r["path"] == "/packages/" + name; }));
     }
 
+    // The bundle's package installer, executable or not.
+    static void withInstaller(bool usable)
+    {
+        const QFileDevice::Permissions exec = usable ? QFileDevice::ExeOwner : QFileDevice::Permissions();
+        QVERIFY(QFile::setPermissions(DlrPlatform::PackageInstallerProgram(),
+                                      QFileDevice::ReadOwner | QFileDevice::WriteOwner | exec));
+    }
+
     void waitForFinishedPage() { QTRY_COMPARE_WITH_TIMEOUT(window->currentId(), int(DlrMainWindow::FinishedPage), 20000); }
 
 private slots:
@@ -499,73 +507,80 @@ private slots:
         QCOMPARE(dlrApp()->downloadIndices, (QList<int>{0, 1, 3, 8}));
     }
 
-    // Next stays off while the product list is on its way, though the
-    // survey is done. Next with nothing ticked ends the run with code 0,
-    // whether the list was empty or the user unticked everything.
-    void nothingToInstall_data()
+    // The run ends on the selection page with one dialog: no product list
+    // (1: the reason, and the network error, if any, under its details), a
+    // bundle without a usable package installer, where the survey says why
+    // nothing can be installed (Cancel: -1), or Next with nothing ticked
+    // (0), whether the list was empty or the user unticked everything; Next
+    // stays off while that list is on its way, though the survey is done.
+    void runEndsOnSelection_data()
     {
-        QTest::addColumn<QStringList>("rows");
-        QTest::newRow("empty list") << QStringList();
-        QTest::newRow("all unticked") << QStringList{"[x] Product Core", "[x] Product Docs"};
+        QTest::addColumn<QString>("setup"); // "other": a server that refuses the password, with its options
+        QTest::addColumn<QMessageBox::StandardButton>("answer");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QStringList>("dialog"); // text, informative, details
+        const QString noList = "Could not get a product list from Oktavo", unknown = "Unknown manifest Validation";
+        const QStringList none{"There were no products to install", "", ""};
+        const auto row = [](const char* tag, const char* setup, QMessageBox::StandardButton answer, int exitCode,
+                            const QStringList& dialog) {
+            QTest::newRow(tag) << QString(setup) << answer << exitCode << dialog;
+        };
+        row("refused", "other --tls chain", QMessageBox::Ok, 1, {noList, "Wrong password", ""});
+        row("TLS refused", "other --tls self", QMessageBox::Cancel, 1,
+            {noList, unknown, DlrNetworkError(QNetworkReply::SslHandshakeFailedError)});
+        row("unreachable", "other", QMessageBox::Ok, 1,
+            {noList, unknown, DlrNetworkError(QNetworkReply::ConnectionRefusedError)});
+        row("no installer", "no-installer Only.pkg", QMessageBox::Cancel, -1,
+            {"Cannot complete the installation on this machine",
+             "The package installer " + DlrPlatform::PackageInstallerProgram()
+                 + " is missing. Press OK to conitue download only or Cancel to exit this application",
+             ""});
+        row("empty list", "list", QMessageBox::Ok, 0, none);
+        row("all unticked", "list Core.pkg Docs.pkg", QMessageBox::Ok, 0, none);
     }
 
-    void nothingToInstall()
+    void runEndsOnSelection()
     {
-        QFETCH(QStringList, rows);
-        server.serveOffers({});
-        if (!rows.isEmpty())
-            server.serveOffers({{"Core.pkg", 3000, {}}, {"Docs.pkg", 3000, {}}});
-        dlrApp()->manifestUrl += "?delay=1";
-        enterSelection();
-        QVERIFY(selection()->assayDone);
-        QVERIFY(!window->button(QWizard::NextButton)->isEnabled());
-        QSignalSpy complete(selection(), &QWizardPage::completeChanged);
-        QVERIFY(complete.wait(20000));
-        QVERIFY(window->button(QWizard::NextButton)->isEnabled());
-        QCOMPARE(this->rows(), rows);
-        for (int row = 0; row < list()->count(); ++row)
-            tick(row, false);
-        DialogAnswerer user(QMessageBox::Ok);
-        QCOMPARE(WizardDriver::runUntilExit([this] { window->next(); }), 0);
-        QCOMPARE(user.texts, QStringList{"There were no products to install"});
-        QCOMPARE(window->currentId(), int(DlrMainWindow::SelectionPage));
-        QVERIFY(dlrApp()->downloadIndices.isEmpty());
-    }
-
-    // No product list: the reason in a dialog, the network error (if any)
-    // under its details, then the run ends with 1.
-    void noProductList_data()
-    {
-        QTest::addColumn<QStringList>("options");
-        QTest::addColumn<QMessageBox::StandardButton>("tlsAnswer");
-        QTest::addColumn<QString>("reason");
-        QTest::addColumn<QString>("details");
-        QTest::newRow("refused") << QStringList{"--tls", "chain"} << QMessageBox::Ok << "Wrong password" << "";
-        QTest::newRow("TLS refused") << QStringList{"--tls", "self"} << QMessageBox::Cancel
-                                     << "Unknown manifest Validation"
-                                     << DlrNetworkError(QNetworkReply::SslHandshakeFailedError);
-        QTest::newRow("unreachable") << QStringList() << QMessageBox::Ok << "Unknown manifest Validation"
-                                     << DlrNetworkError(QNetworkReply::ConnectionRefusedError);
-    }
-
-    void noProductList()
-    {
-        QFETCH(QStringList, options);
-        QFETCH(QMessageBox::StandardButton, tlsAnswer);
-        QFETCH(QString, reason);
-        QFETCH(QString, details);
+        QFETCH(QString, setup);
+        QFETCH(QMessageBox::StandardButton, answer);
+        QFETCH(int, exitCode);
+        QFETCH(QStringList, dialog);
+        const QStringList args = setup.split(' ').mid(1);
         VendorServer other;
         other.setUsers({{"demo", "another password"}});
-        QVERIFY(other.start(options));
-        if (options.isEmpty())
-            other.stop(); // its port is closed now
-        WizardDriver::useServer(other);
-        DialogAnswerer answer(tlsAnswer);
-        QCOMPARE(WizardDriver::runUntilExit([this] { enterSelection(); }), 1);
-        QCOMPARE(answer.texts.last(), "Could not get a product list from Oktavo");
-        QCOMPARE(answer.informative.last(), reason);
-        QCOMPARE(answer.details.last(), details);
-        QVERIFY(!selection()->isComplete());
+        if (setup.startsWith("other")) {
+            QVERIFY(other.start(args));
+            if (args.isEmpty())
+                other.stop(); // its port is closed now
+            WizardDriver::useServer(other);
+        }
+        const auto restore = qScopeGuard([] { withInstaller(true); });
+        withInstaller(!setup.startsWith("no-installer"));
+        QList<VendorServer::Offer> offers;
+        for (const QString& name : args)
+            offers << VendorServer::Offer{name, 3000, {}};
+        server.serveOffers(offers);
+        DialogAnswerer user(answer);
+        if (setup.startsWith("list")) {
+            dlrApp()->manifestUrl += "?delay=1";
+            enterSelection();
+            QVERIFY(selection()->assayDone);
+            QVERIFY(!window->button(QWizard::NextButton)->isEnabled());
+            QSignalSpy complete(selection(), &QWizardPage::completeChanged);
+            QVERIFY(complete.wait(20000));
+            QVERIFY(window->button(QWizard::NextButton)->isEnabled());
+            QCOMPARE(rows(), QStringList(args).replaceInStrings(QRegularExpression("(.*).pkg"), "[x] Product \\1"));
+            for (int row = 0; row < list()->count(); ++row)
+                tick(row, false);
+            QCOMPARE(WizardDriver::runUntilExit([this] { window->next(); }), exitCode);
+            QVERIFY(dlrApp()->downloadIndices.isEmpty());
+        } else {
+            QCOMPARE(WizardDriver::runUntilExit([this] { enterSelection(); }), exitCode);
+            QVERIFY(!selection()->isComplete());
+            QCOMPARE(list()->count(), 0);
+        }
+        QCOMPARE(window->currentId(), int(DlrMainWindow::SelectionPage));
+        QCOMPARE((QStringList{user.texts.last(), user.informative.last(), user.details.last()}), dialog);
     }
 
     // Two ticked packages need twice their size on a 1 MiB file system:
@@ -843,40 +858,20 @@ private slots:
         QCOMPARE(shown, (QList<int>{2, 3, 4, 1, 2, 3}));
     }
 
-    // A bundle without a usable package installer: the survey says why
-    // nothing can be installed. Cancel leaves with -1; OK means download
+    // OK to a bundle without a usable package installer means download
     // only: the package is fetched, not handed to the helper (whose failure
     // would ask a second question), and the page says so.
-    void withoutInstaller_data()
-    {
-        QTest::addColumn<QMessageBox::StandardButton>("answer");
-        QTest::newRow("cancel") << QMessageBox::Cancel;
-        QTest::newRow("ok") << QMessageBox::Ok;
-    }
-
     void withoutInstaller()
     {
-        QFETCH(QMessageBox::StandardButton, answer);
-        const QString script = DlrPlatform::PackageInstallerProgram();
-        QVERIFY(QFile::setPermissions(script, QFileDevice::ReadOwner | QFileDevice::WriteOwner));
-        const auto restore = qScopeGuard([&script] {
-            QFile::setPermissions(script, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        });
+        const auto restore = qScopeGuard([] { withInstaller(true); });
+        withInstaller(false);
         server.serveOffers({{"Only.pkg", 2000, {}}});
-        DialogAnswerer user(answer);
-        if (answer == QMessageBox::Cancel) {
-            QCOMPARE(WizardDriver::runUntilExit([this] { enterSelection(); }), -1);
-            QVERIFY(!selection()->isComplete());
-            QCOMPARE(list()->count(), 0);
-        } else {
-            WizardDriver::enterDownloads(window);
-            waitForFinishedPage();
-            QCOMPARE(QFileInfo(downloads + "/Only.pkg").size(), qint64(2000));
-            QCOMPARE(label("downloadStatus"), "Product Only was downloaded but not installed");
-        }
+        DialogAnswerer user(QMessageBox::Ok);
+        WizardDriver::enterDownloads(window);
+        waitForFinishedPage();
+        QCOMPARE(QFileInfo(downloads + "/Only.pkg").size(), qint64(2000));
+        QCOMPARE(label("downloadStatus"), "Product Only was downloaded but not installed");
         QCOMPARE(user.texts, QStringList{"Cannot complete the installation on this machine"});
-        QCOMPARE(user.informative, QStringList{"The package installer " + script + " is missing. Press OK to conitue "
-                                               "download only or Cancel to exit this application"});
     }
 
     // A run that ends while the page is being entered (its one product is
@@ -938,70 +933,52 @@ private slots:
                                                "customer support. Press Ok to exit the application"});
     }
 
-    // The walk itself, its steps replaced: each product "<file> <download>
-    // <install>", where a download is ok, disk (complete before the walk),
-    // flaky (fails once), fail (always) or refused (cannot start), and an
-    // install ends in success, failure, silence, or nostart. The driver
-    // retries a failed download once.
+    // The walk itself, its steps replaced, for what the page never does: a
+    // download that cannot start, one retried, and the installer's own
+    // verdicts. Each product is "<file> <download> <install>", where a
+    // download is ok, flaky (fails once), fail (always) or refused (cannot
+    // start), and an install ends in success, failure, silence, or nostart.
+    // The driver retries a failed download once.
     void productWalk_data()
     {
         QTest::addColumn<QStringList>("products");
-        QTest::addColumn<QString>("cannotInstall");
         QTest::addColumn<QStringList>("outcomes");
         QTest::addColumn<int>("fetches");
-        QTest::newRow("nothing chosen") << QStringList() << QString() << QStringList() << 0;
-        QTest::newRow("package and file") << QStringList{"A.pkg ok success", "B.zip ok"} << QString()
-                                          << QStringList{"Installed", "DownloadedOnly"} << 2;
-        QTest::newRow("on disk, not fetched") << QStringList{"A.pkg disk success"} << QString()
-                                              << QStringList{"Installed"} << 0;
-        QTest::newRow("retried") << QStringList{"A.pkg flaky success"} << QString() << QStringList{"Installed"} << 2;
-        QTest::newRow("given up, next goes on")
-            << QStringList{"A.pkg fail", "B.pkg refused", "C.pkg ok success"} << QString()
-            << QStringList{"DownloadFailed:no route", "DownloadFailed", "Installed"} << 4;
+        QTest::newRow("retried") << QStringList{"A.pkg flaky success"} << QStringList{"Installed"} << 2;
+        QTest::newRow("given up, next goes on") << QStringList{"A.pkg fail", "B.pkg refused", "C.pkg ok success"}
+                                                << QStringList{"DownloadFailed:no route", "DownloadFailed", "Installed"} << 4;
         QTest::newRow("installer verdicts")
-            << QStringList{"A.pkg ok failure", "B.pkg ok silence", "C.pkg disk nostart", "D.PKG ok"} << QString()
+            << QStringList{"A.pkg ok failure", "B.pkg ok silence", "C.pkg ok nostart", "D.PKG ok"}
             << QStringList{"InstallFailed:disk full", "InstallFailed", "InstallerNotStarted:no helper", "DownloadedOnly"}
-            << 3;
-        QTest::newRow("no installer") << QStringList{"A.pkg ok success", "B.zip disk"} << "no helper here"
-                                      << QStringList{"NotInstalled:no helper here", "DownloadedOnly"} << 1;
+            << 4;
     }
 
     void productWalk()
     {
         QFETCH(QStringList, products);
-        QFETCH(QString, cannotInstall);
         QFETCH(QStringList, outcomes);
         QFETCH(int, fetches);
         DlrApp* app = dlrApp();
         app->manifest.clear();
         app->downloadIndices.clear();
-        QHash<int, QStringList> plan;
         for (const QString& product : qAsConst(products)) {
-            const QStringList words = product.split(' ');
-            DlrManifestElement offer;
-            offer.Name = words.at(0);
-            offer.FileSize = 10;
-            if (words.at(1) == "disk")
-                QVERIFY(ProductTree(downloads).file(offer.Name, QByteArray(10, 'x')));
-            plan.insert(app->manifest.size(), words);
             app->downloadIndices << app->manifest.size();
-            app->manifest << offer;
+            app->manifest << DlrManifestElement();
+            app->manifest.last().Name = product.section(' ', 0, 0);
         }
+        const auto plan = [&](int index, int word) { return products.at(index).section(' ', word, word); };
         DlrProductWalk walk;
-        walk.cannotInstall = cannotInstall;
         int fetched = 0;
         walk.download = [&](int index) {
+            const QString how = plan(index, 1);
             ++fetched;
-            const QString how = plan[index].at(1);
             if (how == "refused")
                 return false;
             const bool fails = how == "fail" || (how == "flaky" && fetched == 1);
             QTimer::singleShot(0, &walk, [&walk, app, index, fails, this] {
-                if (fails) {
-                    walk.EngineFailed("no route", index);
-                    return;
-                }
                 DlrManifestElement& offer = app->manifest[index];
+                if (fails)
+                    return walk.EngineFailed("no route", index);
                 QVERIFY(ProductTree(downloads).file(offer.Name, QByteArray(10, 'x')));
                 offer.downloadFile = QSharedPointer<QFile>::create(downloads + '/' + offer.Name);
                 walk.EngineCompleted(index);
@@ -1009,26 +986,19 @@ private slots:
             return true;
         };
         walk.install = [&](const QString&) {
-            const QString how = plan[walk.CurrentIndex()].value(2);
-            if (how == "nostart") {
-                walk.InstallerCannotStart("no helper");
-                return;
-            }
+            const QString how = plan(walk.CurrentIndex(), 2);
+            if (how == "nostart")
+                return walk.InstallerCannotStart("no helper");
             QTimer::singleShot(0, &walk, [&walk, how] {
-                walk.InstallerOutput("installer:%50");
-                if (how == "success")
-                    walk.InstallerOutput(InstallerOutput::kSuccess);
-                if (how == "failure")
-                    walk.InstallerOutput(QByteArray(InstallerOutput::kFailure) + "disk full");
+                walk.InstallerOutput(how == "success"   ? QByteArray(InstallerOutput::kSuccess)
+                                     : how == "failure" ? QByteArray(InstallerOutput::kFailure) + "disk full"
+                                                        : QByteArray("installer:%50"));
                 walk.InstallerEnded(0, QProcess::NormalExit);
             });
         };
         bool retried = false;
         connect(&walk, &DlrProductWalk::downloadFailed, &walk, [&](const QString& reason) {
-            if (retried)
-                walk.GiveUp(reason);
-            else
-                walk.Retry();
+            retried ? walk.GiveUp(reason) : walk.Retry();
             retried = true;
         });
         QStringList ended;
