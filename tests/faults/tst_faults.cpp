@@ -118,22 +118,6 @@ class TestFaults : public QObject
                             {"VLUM_INSTALL_ROOT=" + machine, "VLUM_INSTALLER_PACE=0.2"});
     }
 
-    // The wizard from the login page to the product list (0) or to the
-    // error that ends the run (1).
-    int productListRun()
-    {
-        return WizardDriver::runUntilExit([this] {
-            window.reset(new DlrMainWindow);
-            QWizardPage* selection = window->page(DlrMainWindow::SelectionPage);
-            connect(selection, &QWizardPage::completeChanged, selection, [selection] {
-                if (selection->isComplete())
-                    QCoreApplication::exit(0);
-            });
-            window->show();
-            window->next();
-        });
-    }
-
 private slots:
     void initTestCase()
     {
@@ -177,11 +161,6 @@ private slots:
     }
 
     void cleanup() { window.reset(); }
-
-    void cleanupTestCase()
-    {
-        QDesktopServices::unsetUrlHandler("https");
-    }
 
     // The mission: the rules pick the core server, the bridge for the Maya
     // the machine has and the "show" offer; each lands whole under its
@@ -567,7 +546,17 @@ private slots:
         });
         watch.start(20);
         DialogAnswerer user(QMessageBox::Ok);
-        const int code = productListRun();
+        // From the login page to the product list (0) or to the error that ends the run (1).
+        const int code = WizardDriver::runUntilExit([this] {
+            window.reset(new DlrMainWindow);
+            QWizardPage* selection = window->page(DlrMainWindow::SelectionPage);
+            connect(selection, &QWizardPage::completeChanged, selection, [selection] {
+                if (selection->isComplete())
+                    QCoreApplication::exit(0);
+            });
+            window->show();
+            window->next();
+        });
         watch.stop();
 
         QVERIFY(restarted);
