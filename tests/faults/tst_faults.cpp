@@ -76,10 +76,7 @@ class TestFaults : public QObject
         stranger.writeCatalogFile("manifest.xml", xml);
     }
 
-    void waitForFinishedPage()
-    {
-        QTRY_COMPARE_WITH_TIMEOUT(window->currentId(), int(DlrMainWindow::FinishedPage), 60000);
-    }
+    void waitForFinishedPage() { QTRY_COMPARE_WITH_TIMEOUT(window->currentId(), int(DlrMainWindow::FinishedPage), 60000); }
 
     // The Range header of each request of this test for `path`, or for
     // every path under it when it ends with '/'.
@@ -94,10 +91,7 @@ class TestFaults : public QObject
         return ranges;
     }
 
-    QStringList installed() const
-    {
-        return QDir(productRoot).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-    }
+    QStringList installed() const { return QDir(productRoot).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name); }
 
     // The unattended program on this machine, as a script runs it: no
     // platform plug-in named, since the mode must not need one.
