@@ -22,6 +22,7 @@
 #include "DlrNetworkError.h"
 #include "DlrPlatform.h"
 #include "DlrProductWalk.h"
+#include "InstallerOutput.h"
 #include "OfferTree.h"
 
 #include <QtWidgets>
@@ -932,6 +933,81 @@ private slots:
         walk.Start();
         QTRY_COMPARE(finished.count(), 1);
         QCOMPARE(ended, (QList<DlrProductWalk::Outcome>{DlrProductWalk::DownloadFailed, DlrProductWalk::DownloadFailed}));
+    }
+
+    // The walk alone, its steps replaced: download and install outcomes as
+    // rows ("A.pkg how verdict"), each run in milliseconds.
+    void productWalk_data()
+    {
+        QTest::addColumn<QStringList>("products");
+        QTest::addColumn<QStringList>("outcomes");
+        QTest::addColumn<int>("fetches");
+        QTest::newRow("retried") << QStringList{"A.pkg flaky success"} << QStringList{"Installed"} << 2;
+        QTest::newRow("given up, next goes on") << QStringList{"A.pkg fail", "B.pkg refused", "C.pkg ok success"}
+                                                << QStringList{"DownloadFailed:no route", "DownloadFailed", "Installed"} << 4;
+        QTest::newRow("installer verdicts")
+            << QStringList{"A.pkg ok failure", "B.pkg ok silence", "C.pkg ok nostart", "D.PKG ok"}
+            << QStringList{"InstallFailed:disk full", "InstallFailed", "InstallerNotStarted:no helper", "DownloadedOnly"}
+            << 4;
+    }
+
+    void productWalk()
+    {
+        QFETCH(QStringList, products);
+        QFETCH(QStringList, outcomes);
+        QFETCH(int, fetches);
+        DlrApp* app = dlrApp();
+        app->manifest.clear();
+        app->downloadIndices.clear();
+        for (const QString& product : qAsConst(products)) {
+            app->downloadIndices << app->manifest.size();
+            app->manifest << DlrManifestElement();
+            app->manifest.last().Name = product.section(' ', 0, 0);
+        }
+        const auto plan = [&](int index, int word) { return products.at(index).section(' ', word, word); };
+        DlrProductWalk walk;
+        int fetched = 0;
+        walk.download = [&](int index) {
+            const bool fails = plan(index, 1) == "fail" || (plan(index, 1) == "flaky" && fetched == 0);
+            if (++fetched && plan(index, 1) == "refused")
+                return false;
+            QTimer::singleShot(0, &walk, [&walk, app, index, fails, this] {
+                DlrManifestElement& offer = app->manifest[index];
+                if (fails)
+                    return walk.EngineFailed("no route", index);
+                QVERIFY(ProductTree(downloads).file(offer.Name, QByteArray(10, 'x')));
+                offer.downloadFile = QSharedPointer<QFile>::create(downloads + '/' + offer.Name);
+                walk.EngineCompleted(index);
+            });
+            return true;
+        };
+        walk.install = [&](const QString&) {
+            const QString how = plan(walk.CurrentIndex(), 2);
+            if (how == "nostart")
+                return walk.InstallerCannotStart("no helper");
+            QTimer::singleShot(0, &walk, [&walk, how] {
+                walk.InstallerOutput(how == "success"   ? QByteArray(InstallerOutput::kSuccess)
+                                     : how == "failure" ? QByteArray(InstallerOutput::kFailure) + "disk full"
+                                                        : QByteArray("installer:%50"));
+                walk.InstallerEnded(0, QProcess::NormalExit);
+            });
+        };
+        bool retried = false;
+        connect(&walk, &DlrProductWalk::downloadFailed, &walk, [&](const QString& reason) {
+            retried ? walk.GiveUp(reason) : walk.Retry();
+            retried = true;
+        });
+        QStringList ended;
+        connect(&walk, &DlrProductWalk::productEnded, &walk, [&](const DlrProductWalk::Result& result) {
+            retried = false;
+            ended << QMetaEnum::fromType<DlrProductWalk::Outcome>().valueToKey(result.outcome)
+                         + (result.reason.isEmpty() ? QString() : ':' + result.reason);
+        });
+        QSignalSpy finished(&walk, &DlrProductWalk::finished);
+        walk.Start();
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 5000);
+        QCOMPARE(ended, outcomes);
+        QCOMPARE(fetched, fetches);
     }
 };
 
