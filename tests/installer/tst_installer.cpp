@@ -92,45 +92,40 @@ class TestInstaller : public QObject
 
     // Kills the installation of `package` over the old version in `root`,
     // each time on a fresh copy, at random moments from its start to past
-    // its end; the next run of the installer (a query) then finds the
-    // product and its receipt wholly old or wholly new, and nothing else
-    // left.
-    void killAtRandomMoments(const QString& root, const QString& package, const QStringList& environment)
+    // its end: the product is then wholly old or wholly new, and after the
+    // next run of the installer (a query) so is its receipt, with nothing
+    // else left.
+    void killAtRandomMoments(const QString& root, const QString& package, QStringList env)
     {
         const QString copy = root + QStringLiteral("-copy");
-        const auto state = [&] {
-            QByteArray books;
-            run({kInstaller, "-pkgs"}, withRoot(environment, copy), &books);
+        env[0] = "VLUM_INSTALL_ROOT=" + copy; // see environment()
+        const auto state = [&](bool freshCopy) { // a failed copy shows as a difference
+            QByteArray books = "no copy";
+            if (!freshCopy || (QDir(copy).removeRecursively() && run({"cp", "-a", root, copy}) == 0))
+                run({kInstaller, "-pkgs"}, env, &books);
             return snapshot(copy) << QString::fromUtf8(books);
         };
-        const auto copyOld = [&] {
-            QDir(copy).removeRecursively();
-            return run({"cp", "-a", root, copy}) == 0;
-        };
-        QVERIFY(copyOld());
-        const QStringList old = state();
+        const QStringList old = state(true);
         QElapsedTimer clock;
         clock.start();
-        QCOMPARE(install(package, withRoot(environment, copy)), 0);
+        QCOMPARE(install(package, env), 0);
         const qint64 took = clock.elapsed() + 20;
-        const QStringList upgraded = state();
-        int kills = 0;
-        int mixed = 0;
-        int leftovers = 0;
+        const QStringList upgraded = state(false);
+        const auto product = [](const QStringList& entries) { return entries.filter(QRegularExpression("^opt/")); };
+        int kills = 0, mixed = 0, leftovers = 0;
         for (int attempt = 0; attempt < 30; ++attempt) {
-            QVERIFY(copyOld());
+            state(true);
             QProcess installer;
-            installer.setProcessEnvironment(withEntries(QProcessEnvironment::systemEnvironment(), withRoot(environment, copy)));
+            installer.setProcessEnvironment(withEntries(QProcessEnvironment::systemEnvironment(), env));
             installer.start(kInstaller, DlrPlatform::PackageInstallerArguments(package));
-            QVERIFY(installer.waitForStarted());
             QThread::usleep(QRandomGenerator::global()->bounded(quint32(took * 1000)));
-            if (installer.state() == QProcess::Running)
+            if (installer.waitForStarted() && installer.state() == QProcess::Running)
                 ::kill(pid_t(installer.processId()), SIGKILL);
             QVERIFY(installer.waitForFinished());
             kills += installer.exitStatus() == QProcess::CrashExit;
-            const QStringList after = state();
-            const auto product = [](const QStringList& entries) { return entries.filter(QRegularExpression("^opt/")); };
-            mixed += product(after) != product(old) && product(after) != product(upgraded);
+            const QStringList killed = product(snapshot(copy)); // before any run completes it
+            mixed += killed != product(old) && killed != product(upgraded);
+            const QStringList after = state(false);
             leftovers += after != old && after != upgraded;
         }
         qInfo("%d kills: %d mixed trees, %d with something left over or books out of step", kills, mixed, leftovers);
@@ -138,11 +133,6 @@ class TestInstaller : public QObject
         QVERIFY(kills > 0);
         QCOMPARE(mixed + leftovers, 0);
         QDir(copy).removeRecursively();
-    }
-
-    static QStringList withRoot(QStringList environment, const QString& root)
-    {
-        return environment.replaceInStrings(QRegularExpression("^VLUM_INSTALL_ROOT=.*"), "VLUM_INSTALL_ROOT=" + root);
     }
 
 private slots:
@@ -282,32 +272,26 @@ private slots:
         QTest::addColumn<int>("status");
         QTest::addColumn<QString>("output"); // a pattern for all of it; "@" is the target
         QTest::addColumn<QStringList>("left"); // what of opt/ stays; empty: all of it
+        const auto row = [](const char* tag, const QString& options, const QString& damage, int status,
+                            const QString& output, const QStringList& left = {}) {
+            QTest::newRow(tag) << options.split(' ') << damage << status << output << left;
+        };
         const QString test = QStringLiteral("@/opt/Oktavo/Test/");
-        QTest::newRow("-pkgs") << QStringList{"-pkgs"} << "" << 0 << "com.oktavo.test 1.0\n" << QStringList();
-        QTest::newRow("-pkginfo") << QStringList{"-pkginfo", "com.oktavo.test"} << "" << 0
-                                  << "identifier: com.oktavo.test\nversion: 1.0\nsigned by: /\\S+/velluma-demo\\.pem\n"
-                                     "installed: 20\\d\\d-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d UTC\nfiles: 4\n"
-                                  << QStringList();
-        QTest::newRow("-files") << QStringList{"-files", "com.oktavo.test"} << "" << 0
-                                << "@/opt\n@/opt/Oktavo\n@/opt/Oktavo/Test\n" + test + "a-name[^\\n]*\n" + test
-                                       + "first\n" + test + "link\n" + test + "tool\n"
-                                << QStringList();
-        QTest::newRow("-verify, intact") << QStringList{"-verify", "com.oktavo.test"} << "" << 0 << "" << QStringList();
+        row("-pkgs", "-pkgs", "", 0, "com.oktavo.test 1.0\n");
+        row("-pkginfo", "-pkginfo com.oktavo.test", "", 0,
+            "identifier: com.oktavo.test\nversion: 1.0\nsigned by: /\\S+/velluma-demo\\.pem\n"
+            "installed: 20\\d\\d-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d UTC\nfiles: 4\n");
+        row("-files", "-files com.oktavo.test", "", 0, "@/opt\n@/opt/Oktavo\n@/opt/Oktavo/Test\n" + test
+            + "a-name[^\\n]*\n" + test + "first\n" + test + "link\n" + test + "tool\n");
+        row("-verify, intact", "-verify com.oktavo.test", "", 0, "");
         for (const char* damage : {"edited", "removed", "opened"})
-            QTest::newRow(qPrintable(QStringLiteral("-verify, %1").arg(damage)))
-                << QStringList{"-verify", "com.oktavo.test"} << damage << 1 << "missing or changed: " + test + "tool\n"
-                << QStringList();
-        QTest::newRow("-uninstall") << QStringList{"-uninstall", "com.oktavo.test"} << "" << 0
-                                    << "removed com.oktavo.test 1.0\n" << QStringList{"opt", "opt/keep = kept\n"};
-        QTest::newRow("-uninstall, a file added") << QStringList{"-uninstall", "com.oktavo.test"} << "added" << 0
-                                    << "removed com.oktavo.test 1.0\n"
-                                    << QStringList{"opt", "opt/Oktavo", "opt/Oktavo/Test", "opt/Oktavo/Test/mine = mine\n",
-                                                   "opt/keep = kept\n"};
-        QTest::newRow("nothing installed") << QStringList{"-files", "com.oktavo.nothing"} << "" << 1
-                                           << "installer: Error - no package com.oktavo.nothing is installed\n"
-                                           << QStringList();
-        QTest::newRow("two questions") << QStringList{"-pkgs", "-files", "x"} << "" << 1
-                                       << "installer: Error - unknown or incomplete option -files\n" << QStringList();
+            row(damage, "-verify com.oktavo.test", damage, 1, "missing or changed: " + test + "tool\n");
+        row("-uninstall", "-uninstall com.oktavo.test", "", 0, "removed com.oktavo.test 1.0\n", {"opt", "opt/keep = kept\n"});
+        row("-uninstall, a file added", "-uninstall com.oktavo.test", "added", 0, "removed com.oktavo.test 1.0\n",
+            {"opt", "opt/Oktavo", "opt/Oktavo/Test", "opt/Oktavo/Test/mine = mine\n", "opt/keep = kept\n"});
+        row("nothing installed", "-files com.oktavo.nothing", "", 1,
+            "installer: Error - no package com.oktavo.nothing is installed\n");
+        row("two questions", "-pkgs -files x", "", 1, "installer: Error - unknown or incomplete option -files\n");
     }
 
     // The books an administrator reads, of a target with the signed
