@@ -140,7 +140,7 @@ int main(int argc, char** argv)
         }
     }
 
-    std::printf("%d offers (%d KB of XML), %d installed products\n", app.manifest.size(), int(xml.size() / 1024),
+    std::printf("%d offers (%d KB of XML), %d installed products\n", int(app.manifest.size()), int(xml.size() / 1024),
                 installed);
     std::printf("run    parse ms   rules ms\n");
     for (int i = 0; i < count; ++i)
@@ -148,9 +148,10 @@ int main(int argc, char** argv)
     const double total = median(parseMs) + median(rulesMs);
     std::printf("median %8.1f %10.1f\n\n", median(parseMs), median(rulesMs));
     std::printf("parse + rules: %.1f ms (%d chosen, %d hidden); target < %.0f ms: %s\n", total,
-                page.chosenIndices.size(), page.hiddenIndices.size(), kTargetMs, total < kTargetMs ? "meets" : "misses");
+                int(page.chosenIndices.size()), int(page.hiddenIndices.size()), kTargetMs,
+                total < kTargetMs ? "meets" : "misses");
     if (page.chosenIndices.isEmpty() || installed != 50) {
-        std::fprintf(stderr, "bench_selection: %d chosen, %d of 50 products surveyed\n", page.chosenIndices.size(),
+        std::fprintf(stderr, "bench_selection: %d chosen, %d of 50 products surveyed\n", int(page.chosenIndices.size()),
                      installed);
         return 1;
     }

@@ -143,7 +143,11 @@ DlrdDecodeResult DlrdDecodeFrame(const QByteArray& buffer, QVector<std::shared_p
     if (quint32(buffer.size()) - 4 < length)
         return DlrdDecodeResult::NeedMore;
 
-    Cursor in(buffer.constData() + 4, int(length));
+    // From the frame's start, past the length read above: GCC, seeing the
+    // shared empty array of an empty QByteArray behind constData() + 4, would
+    // warn on Qt 6.
+    Cursor in(buffer.constData(), int(length) + 4);
+    in.take<quint32>();
     const quint32 frameId = in.take<quint32>();
     const quint16 fdCount = in.take<quint16>();
     const quint16 entries = in.take<quint16>();

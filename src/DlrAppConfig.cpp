@@ -143,7 +143,7 @@ DlrOptions readArguments(const QStringList& args, bool unattended)
         const QString& arg = args.at(i);
         bool handled = false;
         for (const TextMember& opt : kTextMembers) {
-            if (!arg.startsWith(QLatin1Char('-')) || arg.midRef(1) != QLatin1String(opt.name))
+            if (!arg.startsWith(QLatin1Char('-')) || QStringView(arg).mid(1) != QLatin1String(opt.name))
                 continue;
             if (i + 1 < args.size()) {
                 // A server named on the command line is plain http unless a

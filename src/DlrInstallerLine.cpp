@@ -29,7 +29,7 @@ DlrInstallerLine DlrReadInstallerLine(const QByteArray& bytes)
         // Read as a float; digits and points that make no number ("1.2.3",
         // or past a float's range) count as 0.
         bool ok = false;
-        const float percent = progress.capturedRef(1).toFloat(&ok);
+        const float percent = progress.capturedView(1).toFloat(&ok);
         line.kind = DlrInstallerLine::Progress;
         line.fraction = ok ? qBound(0.0, double(percent), 100.0) / 100.0 : 0.0;
         return line;

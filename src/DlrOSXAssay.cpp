@@ -6,6 +6,7 @@
 #include "DlrConstants.h"
 #include "DlrPlatform.h"
 #include "DlrProfileReader.h"
+#include "DlrQtCompat.h"
 #include "kelProfileHandler.h"
 
 #include <QDebug>
@@ -88,10 +89,10 @@ private:
 // A version probe in a process group of its own, so that a probe past its
 // time goes together with whatever it started (a renderer waiting on a
 // licence server through a helper, say).
-class DlrProbeProcess : public QProcess
+class DlrProbeProcess : public DlrGroupLeaderProcess
 {
 public:
-    using QProcess::QProcess;
+    using DlrGroupLeaderProcess::DlrGroupLeaderProcess;
 
     // Runs from the probe's start; a probe that ends while it runs answered.
     QTimer clock;
@@ -106,9 +107,6 @@ public:
             ::kill(-pid_t(processId()), SIGKILL);
         kill();
     }
-
-protected:
-    void setupChildProcess() override { ::setpgid(0, 0); }
 };
 
 // The version probes of one survey, side by side: at most kProbesAtOnce at
@@ -291,7 +289,7 @@ bool kelProfileHandler::characters(const QString& text)
         if (t.contains(QLatin1String("maya"), Qt::CaseInsensitive)
             && t.contains(QLatin1String("core"), Qt::CaseInsensitive)) {
             AssayedProduct maya;
-            maya.insert(QStringLiteral("Version"), t.remove(QRegExp(QStringLiteral("[a-zA-Z _]"))));
+            maya.insert(QStringLiteral("Version"), DlrRemoveMatches(t, QRegExp(QStringLiteral("[a-zA-Z _]"))));
             maya.insert(QStringLiteral("ProductName"), QStringLiteral("Maya"));
             products << maya;
         }

@@ -216,7 +216,7 @@ QVariant textValue(const QString& text)
         return text;
     if (text.endsWith(QLatin1Char(')'))) {
         if (text.startsWith(QLatin1String("@ByteArray(")))
-            return text.midRef(11, text.size() - 12).toLatin1();
+            return QStringView(text).mid(11, text.size() - 12).toLatin1();
         if (text.startsWith(QLatin1String("@String(")))
             return text.mid(8, text.size() - 9);
         for (const char* encoded : {"@Variant(", "@DateTime(", "@Rect(", "@Size(", "@Point("}) {

@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (document.isEmpty())
         return 0;
 
-    std::vector<int> at{0, document.size()};
+    std::vector<int> at{0, int(document.size())};
     for (size_t i = 0; i < cuts; ++i)
         at.push_back((data[1 + 2 * i] | data[2 + 2 * i] << 8) % document.size());
     std::sort(at.begin(), at.end());
