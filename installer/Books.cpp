@@ -25,7 +25,7 @@ void checkOwn(int fd, const std::string& shown)
 {
     struct stat info;
     if (::fstat(fd, &info) != 0)
-        throw Refused(withSystemError("cannot look at " + shown, errno));
+        refuse(errno, "cannot look at ", shown);
     if (info.st_uid != ::geteuid() || (info.st_mode & 022) != 0)
         throw Refused("the installer's records in " + shown + " are writable by someone else");
 }
@@ -54,21 +54,21 @@ Books::Books(int target, const std::string& shown) : shown(shown + (shown == "/"
 {
     books = openFolderBeneath(target, kFolder, true, 0755);
     if (!books.valid())
-        throw Refused(withSystemError("cannot open the installer's records in " + this->shown, errno));
+        refuse(errno, "cannot open the installer's records in ", this->shown);
     checkOwn(books.get(), this->shown);
     receipts = openFolderBeneath(books.get(), "receipts", true, 0755);
     if (!receipts.valid())
-        throw Refused(withSystemError("cannot open the receipts in " + this->shown, errno));
+        refuse(errno, "cannot open the receipts in ", this->shown);
     checkOwn(receipts.get(), this->shown + "/receipts");
 
     lock = Descriptor(::openat(books.get(), "lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!lock.valid())
-        throw Refused(withSystemError("cannot open the lock in " + this->shown, errno));
+        refuse(errno, "cannot open the lock in ", this->shown);
     checkOwn(lock.get(), this->shown + "/lock");
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(lockWait());
     while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR)
-            throw Refused(withSystemError("cannot lock " + this->shown, errno));
+            refuse(errno, "cannot lock ", this->shown);
         if (std::chrono::steady_clock::now() >= deadline)
             throw Refused("another installation is in progress on " + shown);
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -140,17 +140,17 @@ void Books::commit(const std::string& identifier) const
 {
     const std::string prepared = "." + identifier + ".new";
     if (::renameat(receipts.get(), prepared.c_str(), receipts.get(), identifier.c_str()) != 0 && errno != ENOENT)
-        throw Refused(withSystemError("cannot write the receipt of " + identifier, errno));
+        refuse(errno, "cannot write the receipt of ", identifier);
     if (::fsync(receipts.get()) != 0)
-        throw Refused(withSystemError("cannot write the receipt of " + identifier, errno));
+        refuse(errno, "cannot write the receipt of ", identifier);
 }
 
 void Books::forget(const std::string& identifier) const
 {
     if (::unlinkat(receipts.get(), identifier.c_str(), 0) != 0 && errno != ENOENT)
-        throw Refused(withSystemError("cannot remove the receipt of " + identifier, errno));
+        refuse(errno, "cannot remove the receipt of ", identifier);
     if (::fsync(receipts.get()) != 0)
-        throw Refused(withSystemError("cannot remove the receipt of " + identifier, errno));
+        refuse(errno, "cannot remove the receipt of ", identifier);
 }
 
 void Books::dropPrepared() const
@@ -191,7 +191,7 @@ std::optional<std::vector<char>> readWhole(int folder, const std::string& name, 
         return std::nullopt;
     struct stat info;
     if (!file.valid() || ::fstat(file.get(), &info) != 0)
-        throw Refused(withSystemError("cannot read " + shown, errno));
+        refuse(errno, "cannot read ", shown);
     if (!S_ISREG(info.st_mode) || info.st_uid != ::geteuid() || (info.st_mode & 022) != 0)
         throw Refused(shown + " is not the installer's own file");
     if (std::uint64_t(info.st_size) > limit)
@@ -203,7 +203,7 @@ std::optional<std::vector<char>> readWhole(int folder, const std::string& name, 
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            throw Refused(withSystemError("cannot read " + shown, n < 0 ? errno : EIO));
+            refuse(n < 0 ? errno : EIO, "cannot read ", shown);
         got += size_t(n);
     }
     return bytes;

@@ -76,7 +76,7 @@ void checkSpace(int target, const std::string& folder, const PackageIndex& index
 {
     struct statvfs space;
     if (::fstatvfs(target, &space) != 0)
-        throw Refused(withSystemError("cannot see the free space in " + folder, errno));
+        refuse(errno, "cannot see the free space in ", folder);
     const std::uint64_t block = space.f_frsize ? space.f_frsize : 4096;
     std::uint64_t needed = 0;
     for (const IndexRow& row : index.rows)
@@ -129,7 +129,7 @@ void syncFolders(int staging, const PackageContents& contents)
             throw Refused(withSystemError("cannot write the staged " + path + " to disk", errno));
     }
     if (::fsync(staging) != 0)
-        throw Refused(withSystemError("cannot write the staged files to disk", errno));
+        refuse(errno, "cannot write the staged files to disk");
 }
 
 } // namespace

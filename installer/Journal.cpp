@@ -25,7 +25,7 @@ std::string stagingFolderName()
 {
     unsigned char random[6];
     if (::getrandom(random, sizeof random, 0) != sizeof random)
-        throw Refused(withSystemError("cannot name a staging folder", errno));
+        refuse(errno, "cannot name a staging folder");
     char text[32];
     std::snprintf(text, sizeof text, "%s%02x%02x%02x%02x%02x%02x", kStagingPrefix.data(), random[0], random[1],
                   random[2], random[3], random[4], random[5]);
@@ -87,10 +87,10 @@ int Journal::begin()
     begun = true;
     write({});
     if (::mkdirat(target, stagingName.c_str(), 0700) != 0)
-        throw Refused(withSystemError("cannot make a staging folder in " + shown, errno));
+        refuse(errno, "cannot make a staging folder in ", shown);
     staging = openFolderBeneath(target, stagingName, false);
     if (!staging.valid())
-        throw Refused(withSystemError("cannot open the staging folder", errno));
+        refuse(errno, "cannot open the staging folder");
     return staging.get();
 }
 
@@ -150,11 +150,11 @@ void Journal::place(const Step& step) const
     const std::string name = nameOf(step.path);
     const Descriptor parent = openFolderBeneath(target, folderOf(step.path), false);
     if (!parent.valid())
-        throw Refused(withSystemError("cannot open the folder of " + shownPath, errno));
+        refuse(errno, "cannot open the folder of ", shownPath);
     struct stat there;
     const bool exists = ::fstatat(parent.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0;
     if (!exists && errno != ENOENT)
-        throw Refused(withSystemError("cannot look at " + shownPath, errno));
+        refuse(errno, "cannot look at ", shownPath);
     if (exists && there.st_dev == step.device && there.st_ino == step.inode)
         return;
     const Descriptor from = staging.valid() ? openFolderBeneath(staging.get(), folderOf(step.path), false) : Descriptor();
@@ -166,9 +166,9 @@ void Journal::place(const Step& step) const
     if (exists && S_ISDIR(there.st_mode) != S_ISDIR(staged.st_mode))
         throw Refused("would replace a folder by a file or the reverse: " + shownPath);
     if (::renameat2(from.get(), name.c_str(), parent.get(), name.c_str(), how) != 0)
-        throw Refused(withSystemError("cannot move " + shownPath + " into place", errno));
+        refuse(errno, "cannot move into place: ", shownPath);
     if (::fsync(parent.get()) != 0)
-        throw Refused(withSystemError("cannot write " + shownPath + " to disk", errno));
+        refuse(errno, "cannot write to disk: ", shownPath);
 }
 
 void Journal::remove(const Step& step) const
@@ -195,7 +195,7 @@ void Journal::finish()
     books.dropPrepared();
     ::unlinkat(books.folder(), (std::string(kJournal) + ".tmp").c_str(), 0); // a journal never written whole
     if (::unlinkat(books.folder(), kJournal, 0) != 0 && errno != ENOENT)
-        throw Refused(withSystemError("cannot remove the journal in " + shown, errno));
+        refuse(errno, "cannot remove the journal in ", shown);
     ::fsync(books.folder());
     stagingName.clear();
     begun = false;

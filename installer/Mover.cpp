@@ -25,7 +25,7 @@ Step placing(int staging, const std::string& path, bool folder)
     const Descriptor parent = openFolderBeneath(staging, folderOf(path), false);
     struct stat info;
     if (!parent.valid() || ::fstatat(parent.get(), nameOf(path).c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
-        throw Refused(withSystemError("cannot look at the staged " + path, errno));
+        refuse(errno, "cannot look at the staged ", path);
     return Step{Step::Place, folder, std::uint64_t(info.st_dev), std::uint64_t(info.st_ino), path};
 }
 
@@ -56,7 +56,7 @@ void Mover::check(const PackageContents& contents, const Owners& others) const
 {
     struct stat targetInfo;
     if (::fstat(target, &targetInfo) != 0)
-        throw Refused(withSystemError("cannot look at " + targetPath, errno));
+        refuse(errno, "cannot look at ", targetPath);
     // Every path of the payload, a folder before what it holds.
     std::vector<std::pair<std::string, bool>> paths;
     for (const auto& [path, mode] : contents.folders)

@@ -37,7 +37,7 @@ Descriptor openPackage(const std::string& path)
     }
     Descriptor source(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!source.valid())
-        throw Refused(withSystemError("cannot open the package " + path, errno));
+        refuse(errno, "cannot open the package ", path);
     if (!regularFile(source.get()))
         throw Refused("not a package archive: " + path + " (not a regular file)");
     return source;

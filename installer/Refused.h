@@ -15,3 +15,7 @@ public:
 
 // "<what>: <the system's text for error>".
 std::string withSystemError(const std::string& what, int error);
+
+// Throws Refused with "<what><name>: <the system's text for error>". The
+// message is put together here, once, rather than at every failing call.
+[[noreturn]] void refuse(int error, const char* what, const std::string& name = std::string());

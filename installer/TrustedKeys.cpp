@@ -30,7 +30,7 @@ std::string readKeyFile(int folder, const std::string& name, const std::string& 
 {
     const Descriptor fd(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!fd.valid())
-        throw Refused(withSystemError("cannot read the trusted key " + path, errno));
+        refuse(errno, "cannot read the trusted key ", path);
     struct stat info;
     if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || std::uint64_t(info.st_size) > limits::kKeyFileBytes)
         throw Refused("the trusted key " + path + " is not a small regular file");
@@ -43,7 +43,7 @@ std::string readKeyFile(int folder, const std::string& name, const std::string& 
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            throw Refused(withSystemError("cannot read the trusted key " + path, n < 0 ? errno : EIO));
+            refuse(n < 0 ? errno : EIO, "cannot read the trusted key ", path);
         done += size_t(n);
     }
     return text;
@@ -64,11 +64,11 @@ TrustedKeys TrustedKeys::load(const std::string& folder)
     if (fd < 0 && errno == ENOENT)
         return trusted;
     if (fd < 0)
-        throw Refused(withSystemError("cannot read the trusted keys folder " + folder, errno));
+        refuse(errno, "cannot read the trusted keys folder ", folder);
     DIR* listing = ::fdopendir(fd);
     if (!listing) {
         ::close(fd);
-        throw Refused(withSystemError("cannot read the trusted keys folder " + folder, errno));
+        refuse(errno, "cannot read the trusted keys folder ", folder);
     }
     std::unique_ptr<DIR, int (*)(DIR*)> closer(listing, ::closedir);
     struct stat info;
@@ -83,7 +83,7 @@ TrustedKeys TrustedKeys::load(const std::string& folder)
             names.push_back(name);
     }
     if (errno != 0)
-        throw Refused(withSystemError("cannot read the trusted keys folder " + folder, errno));
+        refuse(errno, "cannot read the trusted keys folder ", folder);
     std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
         const std::string path = folder + '/' + name;

@@ -16,7 +16,7 @@ Descriptor parentFolder(int staging, const std::string& path)
 {
     Descriptor parent = openFolderBeneath(staging, folderOf(path), true);
     if (!parent.valid())
-        throw Refused(withSystemError("cannot make the folder of " + path, errno));
+        refuse(errno, "cannot make the folder of ", path);
     return parent;
 }
 
@@ -27,7 +27,7 @@ void writeAll(int file, const char* data, size_t size, const std::string& path)
         if (w < 0 && errno == EINTR)
             continue;
         if (w <= 0)
-            throw Refused(withSystemError("cannot write " + path, w < 0 ? errno : ENOSPC));
+            refuse(w < 0 ? errno : ENOSPC, "cannot write ", path);
         written += size_t(w);
     }
 }
@@ -59,7 +59,7 @@ void Unpacker::unpack(ArchiveReader& archive, const PackageContents& contents)
         const Descriptor file(::openat(parent.get(), nameOf(path).c_str(),
                                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!file.valid())
-            throw Refused(withSystemError("cannot write " + path, errno));
+            refuse(errno, "cannot write ", path);
         while (const size_t n = archive.read(buffer.data(), buffer.size())) {
             check.content(buffer.data(), n);
             writeAll(file.get(), buffer.data(), n, path);
@@ -77,7 +77,7 @@ void Unpacker::unpack(ArchiveReader& archive, const PackageContents& contents)
         // Set-id bits never come from a package. On the disk before it is
         // moved into place.
         if (::fchmod(file.get(), row.mode & 0777) != 0 || ::fsync(file.get()) != 0)
-            throw Refused(withSystemError("cannot write " + path, errno));
+            refuse(errno, "cannot write ", path);
         const double now = 10 + 80.0 * double(done) / total;
         progress.percent(now);
         shown = int(now);
@@ -90,7 +90,7 @@ void Unpacker::unpack(ArchiveReader& archive, const PackageContents& contents)
     for (const auto& [path, mode] : contents.folders) {
         const Descriptor folder = openFolderBeneath(staging, path, false);
         if (!folder.valid() || ::fchmod(folder.get(), mode) != 0)
-            throw Refused(withSystemError("cannot set the mode of " + path, errno));
+            refuse(errno, "cannot set the mode of ", path);
     }
 }
 
@@ -99,14 +99,14 @@ void Unpacker::write(const IndexRow& row)
     const std::string path(row.path);
     if (row.type == EntryType::Folder) {
         if (!openFolderBeneath(staging, path, true).valid())
-            throw Refused(withSystemError("cannot make the folder " + path, errno));
+            refuse(errno, "cannot make the folder ", path);
         return;
     }
     const Descriptor parent = parentFolder(staging, path);
     const std::string name = nameOf(path);
     if (row.type == EntryType::Symlink) {
         if (::symlinkat(std::string(row.link).c_str(), parent.get(), name.c_str()) != 0)
-            throw Refused(withSystemError("cannot make the link " + path, errno));
+            refuse(errno, "cannot make the link ", path);
         return;
     }
     // A hard link, to a file of this package written before it.
@@ -114,5 +114,5 @@ void Unpacker::write(const IndexRow& row)
     const Descriptor sourceFolder = openFolderBeneath(staging, folderOf(source), false);
     if (!sourceFolder.valid()
         || ::linkat(sourceFolder.get(), nameOf(source).c_str(), parent.get(), name.c_str(), 0) != 0)
-        throw Refused(withSystemError("cannot make the hard link " + path, errno));
+        refuse(errno, "cannot make the hard link ", path);
 }
