@@ -94,3 +94,8 @@ std::string nameOf(const std::string& path)
     const size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
+
+std::string inTarget(const std::string& target, std::string_view relative)
+{
+    return (target == "/" ? std::string() : target) + '/' + std::string(relative);
+}

@@ -8,6 +8,7 @@
 #include "Descriptor.h"
 
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -23,6 +24,9 @@ std::vector<std::string> listFolder(int folder);
 // Removes `name` in `parent` and, for a folder, everything in it, without
 // following links; as much as it can, quietly.
 void removeTree(int parent, const std::string& name);
+
+// Where `relative` is below the target `target`, as messages show it.
+std::string inTarget(const std::string& target, std::string_view relative);
 
 // The folder holding a normalised path ("" for a top-level name) and the
 // last name in it.

@@ -50,7 +50,7 @@ std::vector<char> Receipt::compose(const std::string& signer, std::int64_t time,
     return std::move(out.out);
 }
 
-Books::Books(int target, const std::string& shown) : shown(shown + (shown == "/" ? "" : "/") + kFolder)
+Books::Books(int target, const std::string& shown) : shown(inTarget(shown, kFolder))
 {
     books = openFolderBeneath(target, kFolder, true, 0755);
     if (!books.valid())
@@ -166,18 +166,9 @@ void writeWhole(int folder, const std::string& name, const std::vector<char>& by
     ::unlinkat(folder, temporary.c_str(), 0);
     const Descriptor file(
         ::openat(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    size_t written = 0;
-    while (file.valid() && written < bytes.size()) {
-        const ssize_t n = ::write(file.get(), bytes.data() + written, bytes.size() - written);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        written += size_t(n);
-    }
-    if (!file.valid() || written != bytes.size() || ::fsync(file.get()) != 0
+    if (!file.valid() || !writeExactly(file.get(), bytes.data(), bytes.size()) || ::fsync(file.get()) != 0
         || ::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0 || ::fsync(folder) != 0) {
-        const int error = errno ? errno : ENOSPC;
+        const int error = errno;
         ::unlinkat(folder, temporary.c_str(), 0);
         throw Refused(withSystemError("cannot write " + shown + "/" + name, error));
     }
@@ -197,15 +188,8 @@ std::optional<std::vector<char>> readWhole(int folder, const std::string& name, 
     if (std::uint64_t(info.st_size) > limit)
         throw Refused(shown + " is larger than the installer ever writes");
     std::vector<char> bytes(size_t(info.st_size));
-    size_t got = 0;
-    while (got < bytes.size()) {
-        const ssize_t n = ::pread(file.get(), bytes.data() + got, bytes.size() - got, off_t(got));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            refuse(n < 0 ? errno : EIO, "cannot read ", shown);
-        got += size_t(n);
-    }
+    if (!readExactly(file.get(), bytes.data(), bytes.size()))
+        refuse(errno, "cannot read ", shown);
     return bytes;
 }
 

@@ -146,7 +146,7 @@ void Journal::run(const std::vector<Step>& steps) const
 
 void Journal::place(const Step& step) const
 {
-    const std::string shownPath = (shown == "/" ? "" : shown) + "/" + step.path;
+    const std::string shownPath = inTarget(shown, step.path);
     const std::string name = nameOf(step.path);
     const Descriptor parent = openFolderBeneath(target, folderOf(step.path), false);
     if (!parent.valid())
@@ -182,7 +182,7 @@ void Journal::remove(const Step& step) const
     if (::unlinkat(parent.get(), nameOf(step.path).c_str(), step.folder ? AT_REMOVEDIR : 0) != 0) {
         if (step.folder && (errno == ENOTEMPTY || errno == EEXIST))
             return; // still holds what is not ours
-        throw Refused(withSystemError("cannot remove " + (shown == "/" ? "" : shown) + "/" + step.path, errno));
+        refuse(errno, "cannot remove ", inTarget(shown, step.path));
     }
     ::fsync(parent.get());
 }

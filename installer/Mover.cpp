@@ -41,7 +41,7 @@ bool under(const std::string& path, const std::unordered_set<std::string>& folde
 
 std::string Mover::shown(const std::string& relative) const
 {
-    return (targetPath == "/" ? std::string() : targetPath) + '/' + relative;
+    return inTarget(targetPath, relative);
 }
 
 void Mover::fits(bool folder, const struct stat& there, const std::string& relative) const

@@ -22,11 +22,6 @@ void say(const std::string& line)
     std::printf("%s\n", printable(line).c_str());
 }
 
-std::string where(const Target& target, std::string_view path)
-{
-    return (target.shown == "/" ? std::string() : target.shown) + '/' + std::string(path);
-}
-
 // Whether the target still holds `row` as it was installed.
 bool intact(int target, const IndexRow& row)
 {
@@ -87,14 +82,14 @@ int answer(const CommandLine& line)
     }
     case CommandLine::Files:
         for (const IndexRow& row : rows)
-            say(where(target, row.path));
+            say(inTarget(target.shown, row.path));
         return 0;
     case CommandLine::Verify: {
         int status = 0;
         for (const IndexRow& row : rows)
             if (!intact(target.folder.get(), row)) {
                 say((row.type == EntryType::Folder ? "missing or changed folder: " : "missing or changed: ")
-                    + where(target, row.path));
+                    + inTarget(target.shown, row.path));
                 status = 1;
             }
         return status;

@@ -37,15 +37,8 @@ std::string readKeyFile(int folder, const std::string& name, const std::string& 
     if (!safelyOwned(info))
         throw Refused("the trusted key " + path + " must belong to root and be writable by no one else");
     std::string text(size_t(info.st_size), '\0');
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::read(fd.get(), &text[done], text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            refuse(n < 0 ? errno : EIO, "cannot read the trusted key ", path);
-        done += size_t(n);
-    }
+    if (!readExactly(fd.get(), text.data(), text.size()))
+        refuse(errno, "cannot read the trusted key ", path);
     return text;
 }
 

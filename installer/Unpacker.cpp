@@ -20,18 +20,6 @@ Descriptor parentFolder(int staging, const std::string& path)
     return parent;
 }
 
-void writeAll(int file, const char* data, size_t size, const std::string& path)
-{
-    for (size_t written = 0; written < size;) {
-        const ssize_t w = ::write(file, data + written, size - written);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            refuse(w < 0 ? errno : ENOSPC, "cannot write ", path);
-        written += size_t(w);
-    }
-}
-
 constexpr std::uint64_t kBytesPerLine = 64 << 20;
 
 } // namespace
@@ -62,7 +50,8 @@ void Unpacker::unpack(ArchiveReader& archive, const PackageContents& contents)
             refuse(errno, "cannot write ", path);
         while (const size_t n = archive.read(buffer.data(), buffer.size())) {
             check.content(buffer.data(), n);
-            writeAll(file.get(), buffer.data(), n, path);
+            if (!writeExactly(file.get(), buffer.data(), n))
+                refuse(errno, "cannot write ", path);
             done += n;
             // Inside a large file too, but at most a line per whole percent
             // and per 64 MiB: each line may cost a pause (the demo's pace).
